@@ -1,0 +1,294 @@
+#include "preload/redirect.h"
+
+#include <dlfcn.h>
+#include <elf.h>
+#include <link.h>
+#include <string.h>
+#include <sys/mman.h>
+
+#include "preload/real.h"
+
+namespace vnt {
+
+namespace {
+
+constexpr uintptr_t kPageBytes = 4096;
+constexpr size_t kMaxFunctions = 96; // this library exports half as many
+constexpr size_t kMaxRanges = 8;
+
+#ifdef __x86_64__
+using Relocation = ElfW(Rela);
+constexpr unsigned kJumpSlot = R_X86_64_JUMP_SLOT, kGlobalData = R_X86_64_GLOB_DAT, kAbsolute = R_X86_64_64;
+constexpr ElfW(Sxword) kRelocations = DT_RELA, kRelocationBytes = DT_RELASZ;
+unsigned typeOf(const Relocation& relocation) { return ELF64_R_TYPE(relocation.r_info); }
+size_t symbolOf(const Relocation& relocation) { return ELF64_R_SYM(relocation.r_info); }
+#else
+using Relocation = ElfW(Rel);
+constexpr unsigned kJumpSlot = R_386_JMP_SLOT, kGlobalData = R_386_GLOB_DAT, kAbsolute = R_386_32;
+constexpr ElfW(Sword) kRelocations = DT_REL, kRelocationBytes = DT_RELSZ;
+unsigned typeOf(const Relocation& relocation) { return ELF32_R_TYPE(relocation.r_info); }
+size_t symbolOf(const Relocation& relocation) { return ELF32_R_SYM(relocation.r_info); }
+#endif
+
+/// One exported function of this library.
+struct Function {
+    const char* name;
+    uintptr_t own;
+    uintptr_t original; ///< 0: not known
+    bool isOperator; ///< of the C++ language
+};
+Function functions[kMaxFunctions];
+size_t functionCount;
+
+struct Range {
+    uintptr_t begin;
+    uintptr_t end;
+};
+
+/// A module's dynamic section, as far as it matters.
+struct Module {
+    uintptr_t base;
+    const ElfW(Phdr) * segments;
+    size_t segmentCount;
+    const ElfW(Sym) * symbols;
+    const char* strings;
+    const Relocation* plain;
+    size_t plainCount;
+    const Relocation* calls;
+    size_t callCount;
+};
+
+/// One walk over all modules.
+struct Walk {
+    bool restores;
+    Range cxxLibraries[kMaxRanges]; ///< code that a plain operator new is
+    size_t cxxCount;
+    Redirected result;
+};
+
+/// Pages that the loader made read-only, made writable for as long as this lives.
+class Unprotected {
+public:
+    explicit Unprotected(const Module& module)
+    {
+        for (size_t i = 0; i < module.segmentCount; ++i) {
+            if (module.segments[i].p_type != PT_GNU_RELRO)
+                continue;
+            // As the loader rounds (_dl_protect_relro()).
+            _begin = (module.base + module.segments[i].p_vaddr) & ~(kPageBytes - 1);
+            _end = (module.base + module.segments[i].p_vaddr + module.segments[i].p_memsz) & ~(kPageBytes - 1);
+        }
+    }
+    ~Unprotected()
+    {
+        if (_writable)
+            (void)::mprotect(reinterpret_cast<void*>(_begin), _end - _begin, PROT_READ);
+    }
+    Unprotected(const Unprotected&) = delete;
+    Unprotected& operator=(const Unprotected&) = delete;
+
+    bool makeWritable(uintptr_t place)
+    {
+        if (_writable || place < _begin || place >= _end)
+            return true;
+        _writable = ::mprotect(reinterpret_cast<void*>(_begin), _end - _begin, PROT_READ | PROT_WRITE) == 0;
+        return _writable;
+    }
+
+private:
+    uintptr_t _begin = 0;
+    uintptr_t _end = 0;
+    bool _writable = false;
+};
+
+/// The loader has replaced addresses by where they came to be, except in the kernel's own module.
+template <typename T> T* at(const Module& module, ElfW(Addr) address)
+{
+    return reinterpret_cast<T*>(address < module.base ? address + module.base : address);
+}
+
+bool readModule(const dl_phdr_info& info, Module& module)
+{
+    module = {};
+    module.base = info.dlpi_addr;
+    module.segments = info.dlpi_phdr;
+    module.segmentCount = info.dlpi_phnum;
+    const ElfW(Dyn)* entry = nullptr;
+    for (size_t i = 0; i < module.segmentCount; ++i) {
+        if (module.segments[i].p_type == PT_DYNAMIC)
+            entry = reinterpret_cast<const ElfW(Dyn)*>(module.base + module.segments[i].p_vaddr);
+    }
+    for (; entry && entry->d_tag != DT_NULL; ++entry) {
+        if (entry->d_tag == DT_SYMTAB)
+            module.symbols = at<const ElfW(Sym)>(module, entry->d_un.d_ptr);
+        else if (entry->d_tag == DT_STRTAB)
+            module.strings = at<const char>(module, entry->d_un.d_ptr);
+        else if (entry->d_tag == kRelocations)
+            module.plain = at<const Relocation>(module, entry->d_un.d_ptr);
+        else if (entry->d_tag == kRelocationBytes)
+            module.plainCount = entry->d_un.d_val / sizeof(Relocation);
+        else if (entry->d_tag == DT_JMPREL)
+            module.calls = at<const Relocation>(module, entry->d_un.d_ptr);
+        else if (entry->d_tag == DT_PLTRELSZ)
+            module.callCount = entry->d_un.d_val / sizeof(Relocation);
+    }
+    return module.symbols && module.strings;
+}
+
+bool isInSegment(const Module& module, uintptr_t address, unsigned flag)
+{
+    for (size_t i = 0; i < module.segmentCount; ++i) {
+        const ElfW(Phdr)& segment = module.segments[i];
+        const uintptr_t begin = module.base + segment.p_vaddr;
+        if (segment.p_type == PT_LOAD && (segment.p_flags & flag) != 0 && address >= begin
+            && address - begin < segment.p_memsz)
+            return true;
+    }
+    return false;
+}
+
+Function* functionNamed(const char* name)
+{
+    for (size_t i = 0; i < functionCount; ++i) {
+        if (functions[i].name[0] == name[0] && ::strcmp(functions[i].name, name) == 0)
+            return &functions[i];
+    }
+    return nullptr;
+}
+
+bool isPlainOperator(const Walk& walk, uintptr_t address)
+{
+    for (size_t i = 0; i < walk.cxxCount; ++i) {
+        if (address >= walk.cxxLibraries[i].begin && address < walk.cxxLibraries[i].end)
+            return true;
+    }
+    return false;
+}
+
+/// Whether the place leads to what this library stands for: the function itself, or the code that would look it up.
+bool leadsToOriginal(const Walk& walk, const Module& module, Function& function, bool isCall, bool isDefined,
+                     uintptr_t value)
+{
+    if (isCall && !isDefined && isInSegment(module, value, PF_X))
+        return function.original != 0;
+    if (function.isOperator && function.original == 0 && isPlainOperator(walk, value))
+        function.original = value;
+    return function.original != 0 && value == function.original;
+}
+
+void visit(Walk& walk, const Module& module, Unprotected& pages, const Relocation& relocation)
+{
+    const unsigned type = typeOf(relocation);
+    if (type != kJumpSlot && type != kGlobalData && type != kAbsolute)
+        return;
+    const ElfW(Sym)& symbol = module.symbols[symbolOf(relocation)];
+    Function* function = symbol.st_name == 0 ? nullptr : functionNamed(module.strings + symbol.st_name);
+    const uintptr_t place = module.base + relocation.r_offset;
+    if (!function || place % sizeof(uintptr_t) != 0 || !isInSegment(module, place, PF_W))
+        return;
+    auto* slot = reinterpret_cast<uintptr_t*>(place);
+    const uintptr_t value = __atomic_load_n(slot, __ATOMIC_RELAXED);
+    uintptr_t wanted = function->own;
+    if (walk.restores) {
+        if (value != function->own || function->original == 0)
+            return;
+        wanted = function->original;
+    } else if (!leadsToOriginal(walk, module, *function, type == kJumpSlot, symbol.st_shndx != SHN_UNDEF, value)) {
+        walk.result.places += value == function->own; // done before
+        return;
+    }
+    if (!pages.makeWritable(place)) {
+        ++walk.result.refused;
+        return;
+    }
+    __atomic_store_n(slot, wanted, __ATOMIC_RELEASE);
+    ++walk.result.places;
+}
+
+int visitModule(dl_phdr_info* info, size_t, void* data)
+{
+    auto& walk = *static_cast<Walk*>(data);
+    Module module;
+    if (!readModule(*info, module) || isInSegment(module, reinterpret_cast<uintptr_t>(&functions), PF_W))
+        return 0;
+    Unprotected pages(module);
+    for (size_t i = 0; i < module.plainCount; ++i)
+        visit(walk, module, pages, module.plain[i]);
+    for (size_t i = 0; i < module.callCount; ++i)
+        visit(walk, module, pages, module.calls[i]);
+    return 0;
+}
+
+/// The C++ libraries, and what this library exports.
+int lookAtModule(dl_phdr_info* info, size_t, void* data)
+{
+    auto& walk = *static_cast<Walk*>(data);
+    Module module;
+    if (!readModule(*info, module))
+        return 0;
+    const bool isCxx =
+        info->dlpi_name && (::strstr(info->dlpi_name, "libstdc++") || ::strstr(info->dlpi_name, "libc++"));
+    for (size_t i = 0; isCxx && i < module.segmentCount && walk.cxxCount < kMaxRanges; ++i) {
+        const ElfW(Phdr)& segment = module.segments[i];
+        const uintptr_t begin = module.base + segment.p_vaddr;
+        if (segment.p_type == PT_LOAD && (segment.p_flags & PF_X) != 0)
+            walk.cxxLibraries[walk.cxxCount++] = {begin, begin + segment.p_memsz};
+    }
+    if (functionCount != 0 || !isInSegment(module, reinterpret_cast<uintptr_t>(&functions), PF_W))
+        return 0;
+    // The string table follows the symbol table, as every linker lays them out: that is its end.
+    const auto* end = reinterpret_cast<const ElfW(Sym)*>(module.strings);
+    for (const ElfW(Sym)* symbol = module.symbols + 1; symbol + 1 <= end && functionCount < kMaxFunctions; ++symbol) {
+        const char* name = module.strings + symbol->st_name;
+        if (symbol->st_shndx != SHN_UNDEF && (symbol->st_info & 0xf) == STT_FUNC && ::strncmp(name, "vnt", 3) != 0)
+            functions[functionCount++] = {name, module.base + symbol->st_value, 0, name[0] == '_' && name[1] == 'Z'};
+    }
+    return 0;
+}
+
+void findOriginals(const Walk& walk)
+{
+    for (size_t i = 0; i < functionCount; ++i) {
+        Function& function = functions[i];
+        const auto found = reinterpret_cast<uintptr_t>(::dlsym(RTLD_DEFAULT, function.name));
+        if (!found || isOwnCode(reinterpret_cast<void*>(found)))
+            continue;
+        // A program's own operators are its own affair: what they call is redirected.
+        if (!function.isOperator || isPlainOperator(walk, found))
+            function.original = found;
+    }
+}
+
+extern "C" __attribute__((visibility("hidden"))) const ElfW(Ehdr) __ehdr_start; // the linker's
+extern "C" __attribute__((visibility("hidden"))) char _end[];
+
+} // namespace
+
+bool isOwnCode(const void* address)
+{
+    return address >= static_cast<const void*>(&__ehdr_start) && address < static_cast<const void*>(_end);
+}
+
+Redirected redirectModules()
+{
+    Walk walk{};
+    ::dl_iterate_phdr(lookAtModule, &walk);
+    findOriginals(walk); // outside the walk: it takes another of the loader's locks
+    ::dl_iterate_phdr(visitModule, &walk);
+    return walk.result;
+}
+
+void restoreModules()
+{
+    Walk walk{};
+    walk.restores = true;
+    ::dl_iterate_phdr(visitModule, &walk);
+}
+
+void* redirectedFunction(const char* name)
+{
+    const Function* function = functionNamed(name);
+    return function ? reinterpret_cast<void*>(function->original) : nullptr;
+}
+
+} // namespace vnt

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <stdint.h>
+
+/// How calls reach this library in a process that ran before it was loaded: the places in the loaded modules through
+/// which they call the allocator are changed. What a module keeps in variables of its own is not known and stays.
+namespace vnt {
+
+/// The address is within this library.
+bool isOwnCode(const void* address);
+
+struct Redirected {
+    uint32_t places = 0; ///< that lead here now
+    uint32_t refused = 0; ///< that could not be changed
+};
+
+/// Every module that is loaded now; those done before are left as they are. Takes the loader's lock of its list; no
+/// allocation. Not from more than one thread at a time.
+Redirected redirectModules();
+/// Every place gets back what it led to.
+void restoreModules();
+/// What the places of that symbol led to before; null when none was changed.
+void* redirectedFunction(const char* name);
+
+} // namespace vnt
