@@ -1,0 +1,206 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/ptrace.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <random>
+
+#include "collectors/heap/HeapCollector.h"
+#include "collectors/heap/JournalInjection.h"
+#include "platform/base/sys.h"
+#include "records/HeapRecordReader.h"
+#include "tests/support/TalkingTarget.h"
+
+namespace vnt {
+namespace {
+
+using std::chrono::steady_clock;
+constexpr auto kDeadline = std::chrono::seconds(60);
+
+class CountingSink final : public RecordSink, private heap::HeapRecordHandler {
+public:
+    Status trySend(std::span<const std::byte> message) override { return send(message); }
+    Status send(std::span<const std::byte> message) override
+    {
+        const Status status = _reader.read(message, *this);
+        EXPECT_TRUE(status.ok()) << status.message();
+        return {};
+    }
+    void reportProblem(const std::string& text) override { ADD_FAILURE() << text; }
+    std::atomic<uint64_t> events{0};
+    std::atomic<bool> attached{false};
+
+private:
+    void onAllocate(const heap::AllocateRecord&) override { ++events; }
+    void onFree(uint64_t, heap::Function, uint32_t) override { ++events; }
+    void onTarget(uint64_t, const heap::TargetRecord& target) override
+    {
+        attached = (target.flags & heap::TargetRecord::kAttached) != 0;
+    }
+    heap::HeapRecordReader _reader;
+};
+
+class QuietObserver final : public HeapTargetObserver {
+    void onTargetStarted(uint64_t, pid_t, const std::string&, bool) override { }
+    void onNewCode(pid_t) override { }
+    void onTargetEnded(pid_t) override { }
+};
+
+bool waitFor(const std::function<bool()>& condition)
+{
+    const auto deadline = steady_clock::now() + kDeadline;
+    while (!condition()) {
+        if (steady_clock::now() > deadline)
+            return false;
+        ::usleep(500);
+    }
+    return true;
+}
+
+/// VNT_ATTACH_ROUNDS in the environment asks for another number of rounds than `usual`.
+int rounds(int usual)
+{
+    const std::string asked = sys::environmentOr("VNT_ATTACH_ROUNDS", "");
+    return asked.empty() ? usual : std::stoi(asked);
+}
+
+Result<std::unique_ptr<HeapCollector>> attachTo(pid_t pid, CountingSink& sink, QuietObserver& observer)
+{
+    HeapCollectorOptions options;
+    options.journalDirectory = VNT_JOURNALS;
+    options.clientUid = ::geteuid();
+    return HeapCollector::attach(options, pid, sink, observer);
+}
+
+struct Busy {
+    const char* target;
+    const char* mode;
+    friend void PrintTo(const Busy& busy, std::ostream* out) { *out << busy.target << " " << busy.mode; }
+};
+
+class Attach : public testing::TestWithParam<Busy> { };
+
+TEST_P(Attach, ABusyTargetIsJoinedAndLeftManyTimesAndNoticesNothing)
+{
+    if (!sys::statFile(std::string(VNT_TARGETS) + "/" + GetParam().target).ok())
+        GTEST_SKIP() << "needs a compiler for this width: apt-get install g++-multilib";
+    test::TalkingTarget target({std::string(VNT_TARGETS) + "/" + GetParam().target, "3", GetParam().mode});
+    QuietObserver observer;
+    const int count = rounds(20);
+    for (int i = 0; i < count; ++i) {
+        CountingSink sink;
+        auto collector = attachTo(target.pid(), sink, observer);
+        ASSERT_TRUE(collector.ok()) << "round " << i << ": " << collector.status().message();
+        collector.value()->startCollection();
+        ASSERT_TRUE(waitFor([&] { return sink.events > 500 || !target.fate().empty(); })) << "round " << i;
+        ASSERT_EQ(target.fate(), "") << "round " << i;
+        EXPECT_TRUE(sink.attached);
+    }
+    const std::string maps = target.maps();
+    EXPECT_NE(maps.find("libVntHeapJournal"), std::string::npos);
+    EXPECT_EQ(maps.find("vantora-heap"), std::string::npos) << "the journal's memory is still mapped";
+    EXPECT_EQ(target.end(), 0);
+}
+
+/// A recorder that is killed at any moment, in the middle of attaching, recording or leaving.
+TEST_P(Attach, ATargetOutlivesRecordersThatAreKilled)
+{
+    if (!sys::statFile(std::string(VNT_TARGETS) + "/" + GetParam().target).ok())
+        GTEST_SKIP() << "needs a compiler for this width: apt-get install g++-multilib";
+    test::TalkingTarget target({std::string(VNT_TARGETS) + "/" + GetParam().target, "3", GetParam().mode});
+    std::mt19937 random(42);
+    const int count = rounds(20);
+    for (int i = 0; i < count; ++i) {
+        const pid_t recorder = ::fork();
+        if (recorder == 0) {
+            CountingSink sink;
+            QuietObserver observer;
+            for (;;)
+                (void)attachTo(target.pid(), sink, observer);
+        }
+        ::usleep(static_cast<useconds_t>(random() % 60'000)); // anywhere: what it hits is the point
+        ::kill(recorder, SIGKILL);
+        ::waitpid(recorder, nullptr, 0);
+        ASSERT_EQ(target.fate(), "") << "round " << i;
+    }
+    // And is recorded by the next one.
+    CountingSink sink;
+    QuietObserver observer;
+    auto collector = attachTo(target.pid(), sink, observer);
+    ASSERT_TRUE(collector.ok()) << collector.status().message();
+    collector.value()->startCollection();
+    EXPECT_TRUE(waitFor([&] { return sink.events > 500; }));
+    collector.value() = nullptr;
+    EXPECT_EQ(target.end(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Heap, Attach, testing::Values(Busy{"heapbusy", "waits"}, Busy{"heapbusy", "spin"}),
+                         [](const auto& row) { return std::string(row.param.target) + "_" + row.param.mode; });
+
+/// What cannot be attached to is refused with a sentence that says why, and is left as it was.
+TEST(AttachRefused, WithASentence)
+{
+    struct Row {
+        const char* what;
+        const char* says;
+        void (*become)();
+        void (*prepare)(pid_t pid);
+    };
+    const auto nothing = [](pid_t) {};
+    const Row rows[] = {
+        {"stopped", "is stopped; let it go on first: kill -CONT", [] {},
+         [](pid_t pid) {
+             ::kill(pid, SIGSTOP);
+             EXPECT_TRUE(waitFor([pid] {
+                 return sys::readFile("/proc/" + std::to_string(pid) + "/stat", 4096).take().find(") T ")
+                     != std::string::npos;
+             }));
+         }},
+        {"traced", "is traced by process", [] {},
+         [](pid_t pid) { EXPECT_EQ(::ptrace(PTRACE_SEIZE, pid, nullptr, nullptr), 0); }},
+        {"behind a filter", "filter of system calls",
+         [] {
+             sock_filter allow = BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW);
+             const sock_fprog program{1, &allow};
+             ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+             ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program);
+         },
+         nothing},
+        {"in another root", "runs in another root directory", [] { (void)!::chroot("/proc/self/fdinfo"); }, nothing},
+    };
+    for (const Row& row : rows) {
+        int ready[2];
+        ASSERT_EQ(::pipe2(ready, O_CLOEXEC), 0);
+        const pid_t target = ::fork();
+        if (target == 0) {
+            row.become();
+            (void)!::write(ready[1], "", 1);
+            for (;;)
+                ::pause();
+        }
+        char byte = 0;
+        ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+        row.prepare(target);
+        CountingSink sink;
+        QuietObserver observer;
+        if (::geteuid() == 0 || std::string_view(row.what) != "in another root") {
+            const auto collector = attachTo(target, sink, observer);
+            ASSERT_FALSE(collector.ok()) << row.what;
+            EXPECT_NE(collector.status().message().find(row.says), std::string::npos)
+                << row.what << ": " << collector.status().message();
+        }
+        EXPECT_EQ(::kill(target, SIGKILL), 0);
+        EXPECT_EQ(::waitpid(target, nullptr, __WALL), target);
+        ::close(ready[0]);
+        ::close(ready[1]);
+    }
+}
+
+} // namespace
+} // namespace vnt

@@ -1,0 +1,270 @@
+#include "collectors/heap/JournalInjection.h"
+
+#include <dlfcn.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include "collectors/inject/Injection.h"
+#include "platform/base/sys.h"
+#include "records/HeapJournal.h"
+
+namespace vnt {
+namespace {
+
+constexpr std::string_view kLibrary = "libVntHeapJournal.so";
+/// What the loader puts for $LIB, by width; each distribution has its own.
+constexpr const char* kDirectories64[] = {"lib/x86_64-linux-gnu", "lib64"};
+constexpr const char* kDirectories32[] = {"lib32", "lib/i386-linux-gnu", "lib"};
+/// More than two beats of a collector that lives (journal::Shared::beat).
+constexpr std::chrono::milliseconds kDeadAfter{700};
+constexpr int kTriesForStraying = 20;
+constexpr std::chrono::milliseconds kBetweenTries{25};
+constexpr uint64_t kThreadLocalBytes = 64 << 10; // of which errno is somewhere
+
+InjectionOptions injectionOptions()
+{
+    InjectionOptions options;
+    options.isGuarded = [](std::string_view name) { return name.find(kLibrary) != std::string_view::npos; };
+    return options;
+}
+
+const RemoteModule* findJournal(const RemoteProcess& process)
+{
+    for (const RemoteModule& module : process.modules()) {
+        if (module.fileName().find(kLibrary) != std::string_view::npos)
+            return &module;
+    }
+    return nullptr;
+}
+
+std::string subject(BorrowedThread& thread) { return "process " + std::to_string(thread.process().pid()); }
+
+/// The file that the target's loader finds by the path that it has here; another mount namespace may hide it.
+Result<std::string> pathFor(const std::string& directory, BorrowedThread& thread)
+{
+    std::string path;
+    for (const char* place : thread.is32Bit() ? std::span<const char* const>(kDirectories32)
+                                              : std::span<const char* const>(kDirectories64)) {
+        const std::string candidate = directory + "/" + place + "/" + std::string(kLibrary);
+        if (sys::statFile(candidate).ok()) {
+            path = candidate;
+            break;
+        }
+    }
+    if (path.empty())
+        return Status(Code::kUnsupported,
+                      subject(thread)
+                          + (thread.is32Bit() ? " is a 32-bit program, and the journal for such is not installed"
+                                              : " cannot be recorded: the journal is not installed"));
+    if (path.size() >= BorrowedThread::kScratchBytes)
+        return Status(Code::kTooLarge, "the path of the journal's library is too long");
+    const auto here = sys::statFile(path);
+    const auto there = sys::statFile("/proc/" + std::to_string(thread.process().pid()) + "/root" + path);
+    if (!here.ok() || !there.ok() || here.value().st_ino != there.value().st_ino
+        || here.value().st_dev != there.value().st_dev)
+        return Status(Code::kUnsupported,
+                      subject(thread) + " does not see the journal's library (" + path
+                          + "): it runs in another root directory or container");
+    return path;
+}
+
+Result<const RemoteModule*> libcOf(const RemoteProcess& process)
+{
+    for (const RemoteModule& module : process.modules()) {
+        if (process.function(module, "dlopen").ok() || process.function(module, "__libc_dlopen_mode").ok())
+            return &module;
+    }
+    return Status(Code::kUnsupported, "process " + std::to_string(process.pid()) + " has no dlopen function");
+}
+
+/// Calls dlopen(3), or what stands for it in older C libraries.
+Status load(BorrowedThread& thread, const std::string& path)
+{
+    constexpr uint64_t kInternalMode = 0x80000000; // __RTLD_DLOPEN, that __libc_dlopen_mode expects
+    RemoteProcess& process = thread.process();
+    ASSIGN_OR_RETURN(const RemoteModule* libc, libcOf(process));
+    uint64_t mode = RTLD_NOW | RTLD_LOCAL;
+    auto function = process.function(*libc, "dlopen");
+    if (!function.ok()) {
+        function = process.function(*libc, "__libc_dlopen_mode");
+        mode |= kInternalMode;
+    }
+    RETURN_IF_ERROR(function.status());
+    RETURN_IF_ERROR(process.write(thread.scratch(), path.c_str(), path.size() + 1));
+    RETURN_IF_ERROR(thread.call(function.value(), {thread.scratch(), mode}));
+    RETURN_IF_ERROR(process.refresh());
+    if (findJournal(process))
+        return {};
+    return Status(Code::kSystem,
+                  subject(thread) + " cannot load the journal: its loader refused " + path
+                      + " (it may not be allowed to read it, or has no thread-local memory left)");
+}
+
+/// The thread's errno, which loading a library may change. Where it is the journal says later: so all that it may be in
+/// is kept, which on this processor lies below the thread's control block.
+class SavedErrno {
+public:
+    explicit SavedErrno(BorrowedThread& thread) : _thread(thread)
+    {
+        const user_regs_struct& registers = thread.saved().registers;
+        const uint64_t control = thread.is32Bit() ? registers.gs_base : registers.fs_base;
+        const RemoteProcess::Mapping* mapping = thread.process().mappingAt(control - 1);
+        if (!mapping)
+            return;
+        _begin = std::max(mapping->begin, control - kThreadLocalBytes);
+        _bytes.resize(control - _begin);
+        if (!thread.process().read(_begin, _bytes.data(), _bytes.size()).ok())
+            _bytes.clear();
+    }
+    void restore(uint64_t place)
+    {
+        if (place < _begin || place - _begin > _bytes.size() || _bytes.size() - (place - _begin) < sizeof(int))
+            return;
+        (void)_thread.process().write(place, _bytes.data() + (place - _begin), sizeof(int)); // gone is fine
+    }
+
+private:
+    BorrowedThread& _thread;
+    uint64_t _begin = 0;
+    std::vector<std::byte> _bytes;
+};
+
+Status callJournal(BorrowedThread& thread, const char* function, journal::AttachRequest& request)
+{
+    RemoteProcess& process = thread.process();
+    const RemoteModule* library = findJournal(process);
+    const auto address = library ? process.function(*library, function)
+                                 : Result<uint64_t>(Status(Code::kNotFound, "the journal is not loaded"));
+    if (!address.ok())
+        return Status(Code::kUnsupported, subject(thread) + " has another version of the journal loaded");
+    request.answered = 0;
+    RETURN_IF_ERROR(process.write(thread.scratch(), &request, sizeof request));
+    RETURN_IF_ERROR(thread.call(address.value(), {thread.scratch()}));
+    RETURN_IF_ERROR(process.read(thread.scratch(), &request, sizeof request));
+    return request.answered == 1 ? Status() : Status(Code::kCorrupt, "the journal gave no answer");
+}
+
+std::string reasonOf(int32_t result)
+{
+    switch (result) {
+    case journal::kJournalForeign:
+        return "has another version of the journal loaded";
+    case journal::kJournalBusy:
+        return "is being recorded by another session";
+    case journal::kJournalNothing:
+        return "calls no allocator that can be redirected: its own is linked into it";
+    case journal::kJournalStraying:
+        return "has a thread that stands still within a record; try again";
+    default:
+        return "cannot map the journal's memory";
+    }
+}
+
+Result<std::unique_ptr<JournalReader>> takeMemory(BorrowedThread& thread, int descriptor)
+{
+    const pid_t pid = thread.process().pid();
+    ASSIGN_OR_RETURN(const UniqueFd process, sys::openPidFd(pid));
+    UniqueFd memory(static_cast<int>(::syscall(SYS_pidfd_getfd, process.get(), descriptor, 0)));
+    if (!memory)
+        return Status::fromErrno(errno, "taking a descriptor of " + subject(thread));
+    return JournalReader::adopt(pid, std::move(memory));
+}
+
+Code codeOf(int32_t result)
+{
+    return result == journal::kJournalBusy    ? Code::kExists
+        : result == journal::kJournalStraying ? Code::kCancelled
+                                              : Code::kUnsupported;
+}
+
+/// A thread within a record is soon out of it, once it is given a processor.
+Status untilNobodyStrays(const std::function<Status()>& attempt)
+{
+    Status status = attempt();
+    for (int i = 0; i < kTriesForStraying && status.code() == Code::kCancelled; ++i) {
+        std::this_thread::sleep_for(kBetweenTries);
+        status = attempt();
+    }
+    return status;
+}
+
+/// The target makes the descriptor, we size and seal it: no socket, no name, nothing that a namespace could hide.
+Result<std::unique_ptr<JournalReader>> makeMemory(BorrowedThread& thread, journal::AttachRequest& request)
+{
+    RETURN_IF_ERROR(callJournal(thread, "vntJournalMemory", request));
+    if (request.result < 0)
+        return Status::fromErrno(-request.result, subject(thread) + " cannot make memory");
+    request.descriptor = request.result;
+    auto reader = takeMemory(thread, request.descriptor);
+    if (!reader.ok()) { // what is called to attach closes the descriptor, whatever else it does
+        request.magic = 0;
+        (void)callJournal(thread, "vntJournalAttach", request);
+    }
+    return reader;
+}
+
+Status attachOn(BorrowedThread& thread, const JournalInjection::Options& options, JournalAttachment& attachment)
+{
+    SavedErrno saved(thread);
+    if (!findJournal(thread.process())) {
+        ASSIGN_OR_RETURN(const std::string path, pathFor(options.directory, thread));
+        RETURN_IF_ERROR(load(thread, path));
+    }
+    journal::AttachRequest request{};
+    request.magic = journal::kMagic;
+    request.version = journal::kVersion;
+    request.eventsMask = options.eventsMask;
+    request.flags = options.flags;
+    for (int attempt = 0;; ++attempt) {
+        ASSIGN_OR_RETURN(attachment.reader, makeMemory(thread, request));
+        saved.restore(request.errorPlace); // the journal itself leaves it alone
+        attachment.timeNs = sys::monotonicNs();
+        RETURN_IF_ERROR(callJournal(thread, "vntJournalAttach", request));
+        if (request.result != journal::kJournalBusy || attempt > 0)
+            break;
+        // A collector that was killed left it so; one that lives has moved on when we look again.
+        request.deadBeat = request.beat;
+        request.flags |= journal::kTakeOver;
+        std::this_thread::sleep_for(kDeadAfter);
+    }
+    if (request.result < 0)
+        return Status(codeOf(request.result), subject(thread) + " " + reasonOf(request.result));
+    attachment.is32Bit = thread.is32Bit();
+    attachment.redirected = request.redirected;
+    attachment.refused = request.refused;
+    attachment.reader->closeMemoryFd();
+    return {};
+}
+
+Status callInside(pid_t pid, const char* function)
+{
+    return injectInto(pid, injectionOptions(), [&](BorrowedThread& thread) -> Status {
+        journal::AttachRequest request{};
+        RETURN_IF_ERROR(callJournal(thread, function, request));
+        return request.result < 0 ? Status(codeOf(request.result), subject(thread) + " " + reasonOf(request.result))
+                                  : Status();
+    });
+}
+
+} // namespace
+
+Result<JournalAttachment> JournalInjection::attach(pid_t pid) const
+{
+    JournalAttachment attachment;
+    RETURN_IF_ERROR(untilNobodyStrays([&] {
+        return injectInto(pid, injectionOptions(),
+                          [&](BorrowedThread& thread) { return attachOn(thread, _options, attachment); });
+    }));
+    return attachment;
+}
+
+Status JournalInjection::extend(pid_t pid) { return callInside(pid, "vntJournalExtend"); }
+
+Status JournalInjection::detach(pid_t pid)
+{
+    return untilNobodyStrays([pid] { return callInside(pid, "vntJournalDetach"); });
+}
+
+} // namespace vnt

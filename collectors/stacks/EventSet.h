@@ -1,0 +1,107 @@
+#pragma once
+
+#include <poll.h>
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "collectors/common/RingReader.h"
+#include "collectors/common/perf.h"
+#include "collectors/stacks/FamilyFilter.h"
+#include "collectors/stacks/SamplerPlan.h"
+
+namespace vnt {
+
+/// The kernel objects of one sampler: on each processor a ring and, placed on processors or on threads, the events
+/// that write into it. Opened by the control thread, then drained by the reader thread.
+class EventSet {
+public:
+    using OnRecord = std::function<void(const perf_event_header&, std::span<const std::byte>)>;
+
+    /// Opens what `options` ask for, on processors if that is allowed, else on threads; `wanted` forces one of them.
+    /// Sampling is off until enable(). Errors carry the advice of perf::explain().
+    static Result<EventSet> open(const StackSamplerOptions& options, const Placement* wanted);
+
+    Status enable();
+    Status disable();
+    /// With events on threads: opens those of threads that are not covered yet, until there are none. Records that
+    /// arrive meanwhile go to `onRecord`. Call once after enable().
+    Status followNewThreads(const OnRecord& onRecord);
+
+    /// Passes on what the rings hold. `onDead` is called once for a ring that became unreadable.
+    template <typename OnEach, typename OnDead> void drain(OnEach&& onEach, OnDead&& onDead)
+    {
+        const auto onOne = [&](const perf_event_header& header, std::span<const std::byte> payload) {
+            if (_retiring.empty() || !isDoubled(header, payload))
+                onEach(header, payload);
+        };
+        for (Processor& processor : _processors) {
+            if (!processor.ring->dead() && !processor.ring->drain(onOne).ok())
+                onDead();
+        }
+    }
+    /// From now on samples bring so much of the stack: opens events anew and then closes those before, without a sample
+    /// lost or doubled. Records that arrive meanwhile go to `onRecord`. After an error the events are as before.
+    Status setDumpBytes(uint32_t bytes, const OnRecord& onRecord);
+    /// For poll(2): readable when a quarter of a ring is full.
+    void appendPollFds(std::vector<struct pollfd>& fds) const;
+
+    /// Gives every kernel object back.
+    void close();
+
+    /// Identifiers of the events that sample threads as they leave a processor. Grows until followNewThreads() is done.
+    [[nodiscard]] const std::unordered_set<uint64_t>& switchEvents() const { return _switchEvents; }
+    [[nodiscard]] const KernelOffer& offer() const { return _offer; }
+    /// Of one processor.
+    [[nodiscard]] size_t ringBytes() const { return _processors.empty() ? 0 : _processors.front().ring->dataBytes(); }
+
+private:
+    struct Processor {
+        int cpu = 0;
+        UniqueFd ringEvent; ///< owns the ring, never ends
+        std::unique_ptr<RingReader> ring;
+    };
+    using Events = std::vector<UniqueFd>; ///< one or two for each processor
+    /// The events that sample, all with the same attributes.
+    struct Generation {
+        Events onProcessors;
+        std::unordered_map<pid_t, Events> onThreads; ///< none for a thread that is covered by inheritance
+        std::unordered_set<uint64_t> ids;
+    };
+
+    explicit EventSet(const StackSamplerOptions& options) : _options(options) { }
+    Status tryOpen(Placement placement);
+    Status openRings();
+    Status openRing(Processor& processor, size_t bytes, bool& noMemory);
+    Status openOnProcessors();
+    Status openThread(pid_t tid, bool& gone);
+    Status tryOpenThread(pid_t tid, Events& events);
+    Status openEvents(const Processor& processor, pid_t tid, Events& events);
+    Status openNewGeneration(const OnRecord& onRecord);
+    bool isDoubled(const perf_event_header& header, std::span<const std::byte> payload) const;
+    Status openThreads(bool& any);
+    Status explained(const Status& refusal, perf::Purpose purpose) const;
+    template <typename Function> Status forEachSampling(Function function);
+
+    StackSamplerOptions _options;
+    KernelOffer _offer;
+    std::vector<Processor> _processors;
+    std::optional<FamilyFilter> _filter;
+    Generation _events;
+    std::unordered_set<uint64_t> _switchEvents;
+    /// While one generation follows another: identifiers of the old one, and when the new one took over.
+    std::unordered_set<uint64_t> _retiring;
+    uint64_t _tookOverNs = UINT64_MAX;
+    bool _enabled = false;
+};
+
+/// The sampler with a forced placement, for comparing the two.
+Result<std::unique_ptr<StackSampler>> startStackSampler(const StackSamplerOptions& options, RecordSink& sink,
+                                                        ProcessObserver* observer, const Placement* wanted);
+
+} // namespace vnt

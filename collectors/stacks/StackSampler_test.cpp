@@ -1,0 +1,394 @@
+#include "collectors/stacks/StackSampler.h"
+
+#include <chrono>
+#include <fcntl.h>
+#include <functional>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#include "collectors/common/family.h"
+#include "collectors/stacks/EventSet.h"
+#include "collectors/stacks/StackSampler_testing.h"
+#include "platform/base/sys.h"
+
+namespace vnt {
+namespace {
+
+StackSamplerOptions optionsFor(pid_t pid)
+{
+    StackSamplerOptions options;
+    options.pid = pid;
+    return options;
+}
+
+const Placement kProcessors = Placement::kProcessors;
+const Placement kThreads = Placement::kThreads;
+
+class StackSamplerTest : public testing::TestWithParam<const Placement*> {
+protected:
+    void SetUp() override
+    {
+        Recording sink;
+        auto probe = startStackSampler(optionsFor(::getpid()), sink, nullptr, GetParam());
+        if (!probe.ok())
+            GTEST_SKIP() << "CANNOT SAMPLE HERE: " << probe.status().message();
+    }
+    static bool eventually(const std::function<bool()>& holds)
+    {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        while (!holds() && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        return holds();
+    }
+    static size_t openDescriptors() { return sys::listDirectory("/proc/self/fd").take().size(); }
+};
+std::string placementName(const testing::TestParamInfo<const Placement*>& row)
+{
+    return *row.param == Placement::kThreads ? "Threads" : "Processors";
+}
+INSTANTIATE_TEST_SUITE_P(Placements, StackSamplerTest, testing::Values(&kProcessors, &kThreads), placementName);
+
+TEST_P(StackSamplerTest, SharesOfALaunchedProcessAreRight)
+{
+    const size_t before = openDescriptors();
+    {
+        Recording recording;
+        Target target(Target::Begin::kStopped, "1000");
+        const auto pid = static_cast<uint32_t>(target.pid());
+        auto sampler = startStackSampler(optionsFor(target.pid()), recording, &recording, GetParam());
+        ASSERT_TRUE(sampler.ok()) << sampler.status().message();
+        target.resume();
+        recording.setFunctions(target.functions());
+        EXPECT_EQ(target.wait(), 0);
+        ASSERT_TRUE(sampler.value()->stop().ok());
+        EXPECT_TRUE(sampler.value()->stop().ok()) << "a second time is nothing";
+
+        EXPECT_GT(recording.samples, 500u) << "far fewer than there were, even where a hypervisor swallows ticks";
+        EXPECT_LT(recording.samples, 1200u);
+        EXPECT_NEAR(double(recording.share("hot_60")), 60, 10);
+        EXPECT_NEAR(double(recording.share("hot_30")), 30, 8);
+        EXPECT_NEAR(double(recording.share("hot_10")), 10, 5);
+        EXPECT_EQ(recording.byPid.size(), 1u) << "samples of another process";
+        EXPECT_EQ(recording.byPid.begin()->first, pid);
+        EXPECT_TRUE(recording.names.count("hotsplit"));
+        EXPECT_EQ(recording.lost, 0u);
+        EXPECT_GT(recording.cost, 0u);
+        EXPECT_EQ(recording.writtenByCost, recording.samples);
+        // It was stopped before its exec: the new program and its mappings were seen.
+        ASSERT_EQ(recording.execs.size(), 1u);
+        EXPECT_EQ(recording.execs[0], std::pair(static_cast<pid_t>(pid), std::string("hotsplit")));
+        const auto own = std::find_if(recording.mappings.begin(), recording.mappings.end(),
+                                      [](const MappingEvent& m) { return m.path.ends_with("/hotsplit"); });
+        ASSERT_NE(own, recording.mappings.end());
+        EXPECT_EQ(own->buildId.size(), 40u) << own->buildId;
+        EXPECT_TRUE(recording.exits.count(pid));
+    }
+    EXPECT_TRUE(eventually([before] { return openDescriptors() <= before; })); // some are closed in their own time
+}
+
+TEST_P(StackSamplerTest, ThreadsStartedLaterAreSeenWithTheirNames)
+{
+    Recording recording;
+    Target target(Target::Begin::kRunning, "800", "later-thread");
+    recording.setFunctions(target.functions());
+    auto sampler = startStackSampler(optionsFor(target.pid()), recording, nullptr, GetParam());
+    ASSERT_TRUE(sampler.ok()) << sampler.status().message();
+    target.wait();
+    ASSERT_TRUE(sampler.value()->stop().ok());
+    EXPECT_EQ(recording.tids.size(), 2u);
+    EXPECT_TRUE(recording.names.count("later"));
+    EXPECT_NEAR(double(recording.share("hot_later")), 33, 12);
+}
+
+TEST_P(StackSamplerTest, ChildProcessesAreSampled)
+{
+    Recording recording;
+    Target target(Target::Begin::kStopped, "300", "fork");
+    auto sampler = startStackSampler(optionsFor(target.pid()), recording, &recording, GetParam());
+    ASSERT_TRUE(sampler.ok()) << sampler.status().message();
+    target.resume();
+    recording.setFunctions(target.functions());
+    target.wait();
+    ASSERT_TRUE(sampler.value()->stop().ok());
+    ASSERT_EQ(recording.forks.size(), 1u);
+    ASSERT_EQ(recording.byPid.size(), 2u) << "itself, and nobody else's";
+    EXPECT_GT(recording.byPid[static_cast<uint32_t>(recording.forks[0])], 60u) << "150 ms at 1 kHz";
+    EXPECT_NEAR(double(recording.share("hot_child")), 33, 12);
+    EXPECT_TRUE(recording.exits.count(static_cast<uint32_t>(recording.forks[0])));
+}
+
+TEST_P(StackSamplerTest, ChildrenThatAreThereAlreadyAreSampledToo)
+{
+    Recording recording;
+    Target target(Target::Begin::kRunning, "60000", "fork");
+    const auto functions = target.functions();
+    while (processesOfFamily(target.pid()).size() < 2)
+        ;
+    const pid_t child = processesOfFamily(target.pid()).back();
+    auto sampler = startStackSampler(optionsFor(target.pid()), recording, nullptr, GetParam());
+    ASSERT_TRUE(sampler.ok()) << sampler.status().message();
+    ASSERT_TRUE(recording.waitForSamples(200));
+    ASSERT_TRUE(sampler.value()->stop().ok());
+    EXPECT_EQ(recording.byPid.size(), 2u);
+    EXPECT_GT(recording.byPid[static_cast<uint32_t>(child)], 20u);
+    ::kill(child, SIGKILL);
+}
+
+TEST_P(StackSamplerTest, ShortThreadsAreSampled)
+{
+    Recording brief;
+    Target many(Target::Begin::kStopped, "300", "short-threads");
+    auto second = startStackSampler(optionsFor(many.pid()), brief, nullptr, GetParam());
+    ASSERT_TRUE(second.ok()) << second.status().message();
+    many.resume();
+    brief.setFunctions(many.functions());
+    many.wait();
+    ASSERT_TRUE(second.value()->stop().ok());
+    EXPECT_GT(brief.tids.size(), 20u) << "30 threads of 2 ms each at 1 kHz";
+    EXPECT_GT(brief.byFunction["hot_short"], 20u);
+}
+
+TEST_P(StackSamplerTest, PauseSendsEverythingAndNothingFollowsUntilUnpause)
+{
+    Recording recording;
+    Target target(Target::Begin::kRunning, "60000");
+    recording.setFunctions(target.functions());
+    auto started = startStackSampler(optionsFor(target.pid()), recording, nullptr, GetParam());
+    ASSERT_TRUE(started.ok()) << started.status().message();
+    StackSampler& sampler = *started.value();
+    ASSERT_TRUE(recording.waitForSamples(50)) << "samples arrive while it records";
+    ASSERT_TRUE(sampler.pause().ok());
+    const size_t atPause = recording.samples;
+    EXPECT_EQ(recording.writtenByCost, atPause);
+    ASSERT_TRUE(sampler.pause().ok()) << "a second time is nothing";
+    EXPECT_EQ(recording.samples, atPause);
+    ASSERT_TRUE(sampler.unpause().ok());
+    ASSERT_TRUE(recording.waitForSamples(atPause + 50));
+    target.wait(SIGKILL);
+    ASSERT_TRUE(sampler.stop().ok());
+}
+
+TEST_P(StackSamplerTest, AWindowIsSentAtPause)
+{
+    Recording recording;
+    Target target(Target::Begin::kRunning, "60000");
+    StackSamplerOptions options = optionsFor(target.pid());
+    options.windowNs = 100'000'000;
+    auto started = startStackSampler(options, recording, nullptr, GetParam());
+    ASSERT_TRUE(started.ok()) << started.status().message();
+    const uint64_t untilNs = sys::monotonicNs() + 1'000'000'000;
+    while (sys::monotonicNs() < untilNs) // several windows pass; the target works meanwhile, and so may we
+        ASSERT_EQ(recording.samplesSoFar(), 0u);
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_TRUE(started.value()->pause().ok());
+        EXPECT_LE(recording.samples, 500u) << "100 ms at 1 kHz, and what came until pausing took hold";
+        ASSERT_TRUE(started.value()->unpause().ok());
+    }
+    EXPECT_GT(recording.samples, 0u);
+    ASSERT_TRUE(started.value()->stop().ok());
+}
+
+TEST_P(StackSamplerTest, DestructionWithoutStopEndsIt)
+{
+    const size_t before = openDescriptors();
+    Recording recording;
+    Target target(Target::Begin::kRunning, "60000");
+    {
+        auto sampler = startStackSampler(optionsFor(target.pid()), recording, nullptr, GetParam());
+        ASSERT_TRUE(sampler.ok());
+        ASSERT_TRUE(recording.waitForSamples(10));
+    }
+    EXPECT_TRUE(eventually([before] { return openDescriptors() <= before + 1; })) << "the target's output only";
+}
+
+TEST_P(StackSamplerTest, KernelStacksStandBelowUserStacks)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs root: kernel stacks and scheduler events are the system's to give";
+    Recording recording;
+    Target target(Target::Begin::kStopped, "300");
+    StackSamplerOptions options = optionsFor(target.pid());
+    options.kernelStacks = true;
+    options.intervalNs = 200'000;
+    auto sampler = startStackSampler(options, recording, &recording, GetParam());
+    ASSERT_TRUE(sampler.ok()) << sampler.status().message();
+    target.resume();
+    recording.setFunctions(target.functions());
+    target.wait();
+    ASSERT_TRUE(sampler.value()->stop().ok());
+    EXPECT_GT(recording.inKernel, 0u) << "exec and the thread clock work in the kernel";
+    EXPECT_LT(recording.inKernel, recording.samples);
+    EXPECT_GT(recording.kernelAddresses, 0u);
+    EXPECT_EQ(recording.flags, stacks::SessionRecord::kUserStacks | stacks::SessionRecord::kKernelStacks);
+}
+
+void expectWaits(Recording& recording, Target& target, StackSampler& sampler)
+{
+    recording.blockedBegin = std::stoull(target.line(), nullptr, 16);
+    recording.blockedEnd = recording.blockedBegin + 24; // it does nothing but call
+    target.wait();
+    ASSERT_TRUE(sampler.stop().ok());
+    EXPECT_GE(recording.blockedNs["waiting"], 20u * 20'000'000);
+    EXPECT_GE(recording.blockedInside, 1u); // rarely most are without their stack: docs/architecture.md
+    EXPECT_GE(recording.blockedNs["forever"], 19u * 20'000'000)
+        << "it began a little later than the sleeping did; recorded: " << testing::PrintToString(recording.blockedNs);
+    EXPECT_TRUE(recording.flags & stacks::SessionRecord::kBlockedThreads);
+    EXPECT_EQ(recording.problems, "");
+}
+
+TEST_P(StackSamplerTest, WaitingThreadsAreRecordedWhenAsked)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs root: kernel stacks and scheduler events are the system's to give";
+    Recording launched;
+    Target target(Target::Begin::kStopped, "20", "", "/waiting");
+    StackSamplerOptions options = optionsFor(target.pid());
+    options.allThreadStates = true;
+    auto sampler = startStackSampler(options, launched, nullptr, GetParam());
+    ASSERT_TRUE(sampler.ok()) << sampler.status().message();
+    target.resume();
+    expectWaits(launched, target, *sampler.value());
+
+    // A thread that waited before and waits on shows as one wait of the whole recording.
+    Recording attached;
+    Target running(Target::Begin::kRunning, "1000", "", "/waiting");
+    running.line();
+    const std::string tasks = "/proc/" + std::to_string(running.pid()) + "/task";
+    while (sys::listDirectory(tasks).take().size() < 2)
+        ;
+    options.pid = running.pid();
+    const uint64_t beginNs = sys::monotonicNs();
+    auto second = startStackSampler(options, attached, nullptr, GetParam());
+    ASSERT_TRUE(second.ok()) << second.status().message();
+    const uint64_t startedNs = sys::monotonicNs();
+    while (sys::monotonicNs() < startedNs + 300'000'000)
+        ;
+    const uint64_t lastNs = sys::monotonicNs();
+    ASSERT_TRUE(second.value()->stop().ok());
+    EXPECT_GE(attached.blockedNs["forever"], lastNs - startedNs - 50'000'000);
+    EXPECT_LE(attached.blockedNs["forever"], sys::monotonicNs() - beginNs);
+}
+
+TEST(StackSampler, AllProcessesAndTheKernel)
+{
+    Target target(Target::Begin::kRunning, "60000");
+    Recording everyone;
+    StackSamplerOptions options;
+    options.allProcesses = true;
+    auto sampler = StackSampler::start(options, everyone, nullptr);
+    if (!sampler.ok())
+        GTEST_SKIP() << "CANNOT SAMPLE THE WHOLE MACHINE: " << sampler.status().message();
+    Target later(Target::Begin::kRunning, "200");
+    const auto laterPid = static_cast<uint32_t>(later.pid());
+    later.wait();
+    ASSERT_TRUE(sampler.value()->stop().ok());
+    EXPECT_GT(everyone.byPid[static_cast<uint32_t>(target.pid())], 20u);
+    EXPECT_GT(everyone.byPid[laterPid], 20u);
+    EXPECT_EQ(everyone.inKernel, 0u) << "user stacks only";
+
+    Recording kernel;
+    options.allProcesses = false;
+    options.pid = 0;
+    auto second = StackSampler::start(options, kernel, &kernel);
+    ASSERT_TRUE(second.ok()) << second.status().message();
+    Target execs(Target::Begin::kRunning, "300", "exec");
+    ASSERT_TRUE(kernel.waitForSamples(5)) << "the target's thread clock is a system call";
+    execs.wait();
+    ASSERT_TRUE(second.value()->stop().ok());
+    EXPECT_EQ(kernel.inKernel, kernel.samples);
+    EXPECT_GT(kernel.kernelAddresses, 0u);
+}
+
+TEST(StackSampler, RefusalsSayWhy)
+{
+    Recording sink;
+    pid_t gone = ::fork();
+    if (gone == 0)
+        ::_exit(0);
+    ::waitpid(gone, nullptr, 0);
+    auto started = StackSampler::start(optionsFor(gone), sink, nullptr);
+    EXPECT_EQ(started.code(), Code::kNotFound) << started.status().message();
+    StackSamplerOptions options = optionsFor(::getpid());
+    options.intervalNs = 1;
+    EXPECT_EQ(StackSampler::start(options, sink, nullptr).code(), Code::kInvalid);
+}
+
+/// Runs in a child that gave its privilege up: prints one line for each claim that does not hold.
+std::string claimsOfAnOrdinaryUser()
+{
+    std::string wrong;
+    Recording recording;
+    Target target(Target::Begin::kStopped, "500", "later-thread");
+    StackSamplerOptions options = optionsFor(target.pid());
+    options.kernelStacks = true;
+    auto sampler = StackSampler::start(options, recording, nullptr);
+    if (!sampler.ok())
+        return "skip: " + sampler.status().message();
+    target.resume();
+    recording.setFunctions(target.functions());
+    if (target.wait() != 0)
+        return "skip: the target is not executable for others";
+    if (!sampler.value()->stop().ok())
+        wrong += "stop failed\n";
+    if (recording.samples < 500 || recording.byPid.size() != 1)
+        wrong += "samples: " + std::to_string(recording.samples) + "\n";
+    if (recording.share("hot_later") < 10
+        || recording.share("hot_60") < 20) // rings are small, so that some may be lost
+        wrong += "shares " + std::to_string(recording.share("hot_later")) + " "
+            + std::to_string(recording.share("hot_60")) + "\n";
+    if (recording.inKernel != 0 || !(recording.flags & stacks::SessionRecord::kUserModeOnly))
+        wrong += "kernel mode\n";
+    if (recording.problems.find("sudo sysctl kernel.perf_event_paranoid=1") == std::string::npos)
+        wrong += "problem: " + recording.problems + "\n";
+    auto others = StackSampler::start(optionsFor(1), recording, nullptr);
+    if (others.code() != Code::kDenied)
+        wrong += "process 1: " + others.status().message() + "\n";
+    options.allProcesses = true;
+    auto machine = StackSampler::start(options, recording, nullptr);
+    if (machine.status().message().find("sudo sysctl kernel.perf_event_paranoid=0") == std::string::npos)
+        wrong += "machine: " + machine.status().message() + "\n";
+    return wrong;
+}
+
+TEST(StackSampler, AnOrdinaryUserSamplesOwnProcesses)
+{
+    if (::getuid() != 0)
+        GTEST_SKIP() << "needs root to become another user";
+    if (perf::kernelSetting("perf_event_paranoid", 2) != 2)
+        GTEST_SKIP() << "needs kernel.perf_event_paranoid 2; run: sudo sysctl kernel.perf_event_paranoid=2";
+    auto pipe = sys::makePipe().take();
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        constexpr uid_t kNobody = 65534;
+        std::string text = "skip: cannot become nobody";
+        // Dumpable again, as any program that user starts is: a target stopped before its exec shares that with us.
+        if (::setgroups(0, nullptr) == 0 && ::setgid(kNobody) == 0 && ::setuid(kNobody) == 0
+            && ::prctl(PR_SET_DUMPABLE, 1) == 0)
+            text = claimsOfAnOrdinaryUser();
+        (void)sys::writeFully(pipe.second.get(), text.data(), text.size());
+        ::_exit(0);
+    }
+    pipe.second.reset();
+    std::string text;
+    char block[4096];
+    for (;;) {
+        const auto count = sys::readSome(pipe.first.get(), block, sizeof block);
+        if (!count.ok() || count.value() == 0)
+            break;
+        text.append(block, count.value());
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    if (text.starts_with("skip"))
+        GTEST_SKIP() << text;
+    EXPECT_EQ(text, "");
+}
+
+} // namespace
+} // namespace vnt
