@@ -368,6 +368,8 @@ TEST_F(RealDaemon, AWatchSeesWhatStartsAndWhatEnds)
         bool program = false, library = false;
         for (const auto& item : signature->get<Array>("images")->items()) {
             const auto image = as<Dictionary>(item);
+            if (!image->get("path"))
+                continue; // a mark of when another program was executed
             const std::string path = image->get<String>("path")->str();
             program = program || (path == signature->get<String>("executable")->str() && image->get<String>("buildID"));
             library = library || (path.find("libc.so") != std::string::npos && image->get<String>("buildID"));
