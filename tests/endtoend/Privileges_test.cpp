@@ -212,18 +212,33 @@ TEST_F(Privileges, TheTableOfWhoMayDoWhat)
 }
 
 /// The tool on the terminal of somebody who may record nothing of the machine, until an administrator sits down.
-TEST_F(Privileges, ATypedPasswordLetsTheToolRecordTheWholeMachine)
-{
-    char directory[] = "/tmp/vnt-test.XXXXXX";
-    ASSERT_NE(::mkdtemp(directory), nullptr);
-    ASSERT_EQ(::chown(directory, PrivateAccounts::kOrdinary.uid, PrivateAccounts::kOrdinary.gid), 0);
-    const std::string bundle = std::string(directory) + "/machine";
-    const auto record = [&](const Account& typed) {
+class TypedPassword : public Privileges {
+protected:
+    void SetUp() override
+    {
+        Privileges::SetUp();
+        if (IsSkipped())
+            return;
+        ASSERT_NE(::mkdtemp(_directory), nullptr);
+        ASSERT_EQ(::chown(_directory, PrivateAccounts::kOrdinary.uid, PrivateAccounts::kOrdinary.gid), 0);
+    }
+    void TearDown() override
+    {
+        Privileges::TearDown();
+        (void)std::system((std::string("rm -rf ") + _directory).c_str());
+    }
+
+    /// `rumbel record --system` with these arguments, the account's name and password typed; what the tool answered.
+    int record(const Account& typed, std::vector<std::string> arguments)
+    {
+        arguments.insert(arguments.begin(), {"rumbel", "record", "--system", "-o", std::string(_directory) + "/it"});
+        std::vector<char*> argv;
+        for (std::string& argument : arguments)
+            argv.push_back(argument.data());
+        argv.push_back(nullptr);
         Desk desk(PrivateAccounts::kOrdinary, [&] {
-            ::setenv("XDG_STATE_HOME", directory, 1); // where data is kept until it is saved; the tests' is root's
-            return ::execl(programPath("rumbel").c_str(), "rumbel", "record", "--system", "-a", "-d", "1", "-i",
-                           "stacksampler,kerneltracer,processcensus", "--stacks", "both", "-o", bundle.c_str(),
-                           nullptr);
+            ::setenv("XDG_STATE_HOME", _directory, 1); // where data is kept until it is saved; the tests' is root's
+            return ::execv(programPath("rumbel").c_str(), argv.data());
         });
         EXPECT_TRUE(desk.shows("Name"));
         desk.type(std::string(typed.name) + "\n");
@@ -231,24 +246,60 @@ TEST_F(Privileges, ATypedPasswordLetsTheToolRecordTheWholeMachine)
         desk.type(std::string(typed.password) + "\n");
         const int outcome = desk.outcome();
         EXPECT_EQ(desk.transcript().find(typed.password), std::string::npos) << "shown on the terminal";
+        if (outcome != 0)
+            _said = desk.transcript();
         return outcome;
-    };
+    }
+    /// What the bundle's report says of each instrument.
+    nlohmann::json instruments()
+    {
+        const ToolResult report =
+            rumbel({"report", "--json", std::string(_directory) + "/it.vnt"}, PrivateAccounts::kOrdinary.uid);
+        EXPECT_EQ(report.status, 0) << report.err;
+        const auto json = nlohmann::json::parse(report.out, nullptr, /*allow_exceptions=*/false);
+        return json.value("instruments", nlohmann::json::object());
+    }
+
+    std::string _said; ///< on the terminal, by a tool that failed
+
+private:
+    char _directory[32] = "/tmp/vnt-test.XXXXXX";
+};
+
+TEST_F(TypedPassword, LetsTheToolRecordTheWholeMachine)
+{
+    const std::vector<std::string> machine = {"-a",       "-d",  "1", "-i", "stacksampler,kerneltracer,processcensus",
+                                              "--stacks", "both"};
     const pid_t busy = ::fork(); // root's
     if (busy == 0) {
         for (std::atomic<uint64_t> count{0};; ++count) { }
     }
-    EXPECT_NE(record(PrivateAccounts::kOrdinary), 0) << "an own password allows nothing";
-    EXPECT_EQ(record(PrivateAccounts::kAdministrator), 0);
-    const ToolResult report = rumbel({"report", "--json", bundle + ".vnt"}, PrivateAccounts::kOrdinary.uid);
-    ASSERT_EQ(report.status, 0) << report.err;
-    const auto json = nlohmann::json::parse(report.out);
-    const auto& instruments = json.at("instruments");
-    const auto& threads = instruments.at("quillon.vnt.stacksampler").at("threads");
+    EXPECT_NE(record(PrivateAccounts::kOrdinary, machine), 0) << "an own password allows nothing";
+    EXPECT_EQ(record(PrivateAccounts::kAdministrator, machine), 0) << _said;
+    const auto recorded = instruments();
+    const auto& threads = recorded.at("quillon.vnt.stacksampler").at("threads");
     EXPECT_TRUE(std::any_of(threads.begin(), threads.end(), [&](const auto& t) { return t.at("pid") == busy; }));
-    EXPECT_GT(instruments.at("quillon.vnt.kerneltracer").at("events"), 0);
-    EXPECT_GT(instruments.at("quillon.vnt.processcensus").at("processes"), 2);
+    EXPECT_GT(recorded.at("quillon.vnt.kerneltracer").at("events"), 0);
+    EXPECT_GT(recorded.at("quillon.vnt.processcensus").at("processes"), 2);
     finish(busy);
-    (void)std::system((std::string("rm -rf ") + directory).c_str());
+}
+
+TEST_F(TypedPassword, LetsTheToolRecordAProgramWithAllFiveInstruments)
+{
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "a program built with the address sanitizer does not start behind the journal";
+#endif
+    ASSERT_EQ(record(PrivateAccounts::kAdministrator,
+                     {"-i", "stacksampler,kerneltracer,heaprecorder,orphanfinder,processcensus", "--",
+                      programPath("tutorial_program"), "2"}),
+              0)
+        << _said;
+    const auto recorded = instruments();
+    EXPECT_EQ(recorded.at("quillon.vnt.stacksampler").at("functions").at(0).at("name"), "hashWord");
+    EXPECT_GT(recorded.at("quillon.vnt.kerneltracer").at("events"), 0);
+    EXPECT_EQ(recorded.at("quillon.vnt.heaprecorder").at("sites").at(0).at("function"), "rememberWord");
+    EXPECT_GT(recorded.at("quillon.vnt.orphanfinder").at("leaks"), 0);
+    EXPECT_GT(recorded.at("quillon.vnt.processcensus").at("sweeps"), 1);
 }
 
 /// A right ends with its reference, also for a session that was made with it.
