@@ -168,8 +168,8 @@ Status EventSet::openEvents(const Processor& processor, pid_t tid, Events& event
             RETURN_IF_ERROR(perf::setProgram(event.get(), _filter->program()));
         ASSIGN_OR_RETURN(const uint64_t id, perf::eventId(event.get()));
         _events.ids.insert(id);
-        if (attributes.config == PERF_COUNT_SW_CONTEXT_SWITCHES)
-            _switchEvents.insert(id);
+        if (attributes.config == PERF_COUNT_SW_CPU_CLOCK)
+            _clockEvents.insert(id);
         events.push_back(std::move(event));
         return {};
     };
@@ -289,7 +289,10 @@ bool EventSet::isDoubled(const perf_event_header& header, std::span<const std::b
     if (header.type != PERF_RECORD_SAMPLE)
         return false;
     ByteCursor cursor(payload); // kSampleType: identifier, thread, time
-    const bool isOld = _retiring.count(cursor.little<uint64_t>()) != 0;
+    const auto event = cursor.little<uint64_t>();
+    if (_clockEvents.count(event) == 0)
+        return false; // of a thread that leaves a processor: a second one does no harm, and whose it is is not certain
+    const bool isOld = _retiring.count(event) != 0;
     cursor.little<uint64_t>();
     const auto timeNs = cursor.little<uint64_t>();
     return isOld != (timeNs < _tookOverNs);

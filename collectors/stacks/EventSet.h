@@ -54,8 +54,8 @@ public:
     /// Gives every kernel object back.
     void close();
 
-    /// Identifiers of the events that sample threads as they leave a processor. Grows until followNewThreads() is done.
-    [[nodiscard]] const std::unordered_set<uint64_t>& switchEvents() const { return _switchEvents; }
+    /// Identifiers of the events that sample running threads. Grows until followNewThreads() is done.
+    [[nodiscard]] const std::unordered_set<uint64_t>& clockEvents() const { return _clockEvents; }
     [[nodiscard]] const KernelOffer& offer() const { return _offer; }
     /// Of one processor.
     [[nodiscard]] size_t ringBytes() const { return _processors.empty() ? 0 : _processors.front().ring->dataBytes(); }
@@ -93,7 +93,7 @@ private:
     std::vector<Processor> _processors;
     std::optional<FamilyFilter> _filter;
     Generation _events;
-    std::unordered_set<uint64_t> _switchEvents;
+    std::unordered_set<uint64_t> _clockEvents;
     /// While one generation follows another: identifiers of the old one, and when the new one took over.
     std::unordered_set<uint64_t> _retiring;
     uint64_t _tookOverNs = UINT64_MAX;

@@ -49,7 +49,7 @@ SampleAssembler::SampleAssembler(const Settings& settings, RecordSink& sink, Pro
       _maxFrames(settings.maxFrames),
       _intervalNs(settings.session.intervalNs),
       _recordsWaiting(settings.session.flags & stacks::SessionRecord::kBlockedThreads),
-      _switchEvents(settings.switchEvents),
+      _clockEvents(settings.clockEvents),
       _writer(settings.session)
 {
     _chain.reserve(kMaxChain + 1);
@@ -161,15 +161,18 @@ void SampleAssembler::onSample(ByteCursor cursor)
     // The kernel samples the family only: the record of a process's start may be still to be read.
     if (_dumps && !_dumps->unwind(cursor, static_cast<pid_t>(pid), _chain))
         addLost(stacks::LostCause::kMalformed, 1);
-    _latestNs = std::max(_latestNs, timeNs);
     if (_recordsWaiting) {
-        if (_switchEvents->count(event)) {
+        // Any other samples a thread that leaves its processor. When several recorders of one machine watch that, the
+        // kernel makes one sample for all (do_perf_sw_event() in kernel/events/core.c): the identifier and the time in
+        // it may be another recorder's.
+        if (!_clockEvents->count(event)) {
             if (tid != 0) // neither the idle task nor one past its exit
-                _waits.onLeave(pid, tid, timeNs, _chain);
+                _waits.onStack(tid, _chain);
             return;
         }
         _waits.onRunning(tid);
     }
+    _latestNs = std::max(_latestNs, timeNs);
     ensureRoom(_chain.size());
     const uint32_t thread = _threads.numberOf(pid, tid, _writer);
     const uint32_t stack = _interner.intern(_chain, framesOfCut(), _writer);
@@ -294,7 +297,7 @@ void SampleAssembler::onSwitch(const perf_event_header& header, const Origin& or
     if (!_recordsWaiting || origin.tid == 0 || origin.tid == kGone || !concerns(origin.pid))
         return;
     if (header.misc & PERF_RECORD_MISC_SWITCH_OUT)
-        _waits.onLeave(origin.pid, origin.tid, origin.timeNs, {});
+        _waits.onLeave(origin.pid, origin.tid, origin.timeNs);
     else
         _waits.onTake(origin.pid, origin.tid, origin.timeNs);
 }

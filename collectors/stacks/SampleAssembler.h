@@ -26,8 +26,8 @@ public:
         pid_t onlyPid = 0; ///< 0: every process is recorded
         uint32_t maxFrames = 127;
         stacks::SessionRecord session;
-        /// Identifiers of events whose samples are threads leaving a processor; outlives the assembler.
-        const std::unordered_set<uint64_t>* switchEvents = nullptr;
+        /// Identifiers of the events that sample running threads; outlives the assembler.
+        const std::unordered_set<uint64_t>* clockEvents = nullptr;
         size_t dumpRingBytes = 0; ///< of one ring; 0: samples come without registers and dumps (kDumpType)
         std::vector<pid_t> family = {}; ///< with onlyPid: processes that count as well, and what they start
     };
@@ -95,7 +95,7 @@ private:
     const uint32_t _maxFrames;
     const uint64_t _intervalNs;
     const bool _recordsWaiting;
-    const std::unordered_set<uint64_t>* _switchEvents;
+    const std::unordered_set<uint64_t>* _clockEvents;
     stacks::StackRecordWriter _writer;
     StackInterner _interner;
     ThreadTable _threads;

@@ -34,7 +34,8 @@ public:
         std::vector<uint64_t> frames;
         reader.frames(sample.stack, frames);
         text += std::to_string(sample.thread->pid) + "/" + std::to_string(sample.thread->tid) + "@"
-            + std::to_string(sample.timeNs) + ":" + std::to_string(frames.size()) + " ";
+            + std::to_string(sample.timeNs) + ":" + std::to_string(frames.size())
+            + (sample.blockedNs ? "b" + std::to_string(sample.blockedNs) : "") + " ";
     }
     void onOrphan(uint64_t) override { text += "orphan "; }
     void onMissingMessages(uint64_t) override { text += "missing "; }
@@ -72,10 +73,10 @@ public:
 
     /// `behind`: registers and dump, with kDumpType.
     void sample(uint32_t pid, uint32_t tid, uint64_t timeNs, const std::vector<uint64_t>& chain,
-                const std::vector<uint64_t>& behind = {})
+                const std::vector<uint64_t>& behind = {}, uint64_t event = 1)
     {
         ByteWriter w;
-        w.little(uint64_t{1});
+        w.little(event);
         w.little(pid);
         w.little(tid);
         w.little(timeNs);
@@ -92,6 +93,12 @@ public:
         w.little(uint64_t{50});
         trailer(w, pid, tid);
         pass(type, 0, w);
+    }
+    void switching(uint32_t pid, uint32_t tid, uint64_t timeNs, uint16_t misc)
+    {
+        ByteWriter w;
+        trailer(w, pid, tid, timeNs);
+        pass(PERF_RECORD_SWITCH, misc, w);
     }
     void name(uint32_t pid, uint32_t tid, const char* text, uint16_t misc)
     {
@@ -134,11 +141,11 @@ public:
     }
 
 private:
-    static void trailer(ByteWriter& w, uint32_t pid, uint32_t tid)
+    static void trailer(ByteWriter& w, uint32_t pid, uint32_t tid, uint64_t timeNs = 60)
     {
         w.little(pid);
         w.little(tid);
-        w.little(uint64_t{60});
+        w.little(timeNs);
         w.little(uint64_t{1});
     }
     SampleAssembler& _assembler;
@@ -177,6 +184,29 @@ TEST(SampleAssembler, TellsOfTheOneProcessItsThreadsAndItsChildren)
     EXPECT_EQ(sink.mapped, "exec /bin/next=abcd01ff fork /bin/child=abcd01ff exit ");
     EXPECT_EQ(sink.kernel, 1u);
     EXPECT_TRUE(sink.lost.empty());
+}
+
+TEST(SampleAssembler, WaitsHaveStacksWhoeverElseWatchesSwitches)
+{
+    Reading sink;
+    SampleAssembler::Settings settings = kSettings;
+    settings.session.flags |= stacks::SessionRecord::kBlockedThreads;
+    const std::unordered_set<uint64_t> clocks{1};
+    settings.clockEvents = &clocks;
+    SampleAssembler assembler(settings, sink, &sink);
+    Kernel kernel(assembler);
+    uint64_t timeNs = 1000;
+    // Identifier and time of this recorder's event, and of another's whose clock is not ours.
+    for (const auto& [event, sampleNs] : {std::pair<uint64_t, uint64_t>{2, timeNs}, {77, timeNs << 40}, {78, 0}}) {
+        kernel.sample(kPid, kPid, sampleNs, {kUser, 0x10, 0x20, 0x30}, {}, event);
+        kernel.switching(kPid, kPid, timeNs + 1, PERF_RECORD_MISC_SWITCH_OUT);
+        kernel.switching(kPid, kPid, timeNs + 101, 0);
+        timeNs += 1000;
+    }
+    assembler.settleWaits(900, timeNs);
+    EXPECT_TRUE(assembler.flush(kNow, 0).ok());
+    const std::string thread = std::to_string(kPid) + "/" + std::to_string(kPid) + "@";
+    EXPECT_EQ(sink.text, thread + "1101:3b100 " + thread + "2101:3b100 " + thread + "3101:3b100 ");
 }
 
 TEST(SampleAssembler, DumpsAreReadWithinTheirBounds)

@@ -113,7 +113,7 @@ SampleAssembler::Settings PerfStackSampler::settings(const StackSamplerOptions& 
         result.session.flags |= stacks::SessionRecord::kKernelStacks;
     if (recordsWaiting(options))
         result.session.flags |= stacks::SessionRecord::kBlockedThreads;
-    result.switchEvents = &events.switchEvents();
+    result.clockEvents = &events.clockEvents();
     result.dumpRingBytes = offer.dumpBytes != 0 ? events.ringBytes() : 0;
     if (!offer.kernelMode)
         result.session.flags |= stacks::SessionRecord::kUserModeOnly;

@@ -62,20 +62,22 @@ TEST_P(StackSamplerTest, SharesOfALaunchedProcessAreRight)
         auto sampler = startStackSampler(optionsFor(target.pid()), recording, &recording, GetParam());
         ASSERT_TRUE(sampler.ok()) << sampler.status().message();
         target.resume();
-        recording.setFunctions(target.functions());
+        const FunctionMap functions = target.functions();
         EXPECT_EQ(target.wait(), 0);
         ASSERT_TRUE(sampler.value()->stop().ok());
         EXPECT_TRUE(sampler.value()->stop().ok()) << "a second time is nothing";
 
-        EXPECT_GT(recording.samples, 500u) << "far fewer than there were, even where a hypervisor swallows ticks";
-        EXPECT_LT(recording.samples, 1200u);
-        EXPECT_NEAR(double(recording.share("hot_60")), 60, 10);
-        EXPECT_NEAR(double(recording.share("hot_30")), 30, 8);
-        EXPECT_NEAR(double(recording.share("hot_10")), 10, 5);
+        // Those that a starved reader could not take in time are told of; a hypervisor swallows the ticks of the time
+        // that it gives to others.
+        EXPECT_GT(recording.samples + recording.lost, 300u) << "far fewer than there were";
+        EXPECT_LT(recording.samples, tooManySamples(recording.firstNs, recording.lastNs));
+        EXPECT_NEAR(recording.share(functions, "hot_60"), 60, 10);
+        EXPECT_NEAR(recording.share(functions, "hot_30"), 30, 8);
+        EXPECT_NEAR(recording.share(functions, "hot_10"), 10, 5);
         EXPECT_EQ(recording.byPid.size(), 1u) << "samples of another process";
         EXPECT_EQ(recording.byPid.begin()->first, pid);
         EXPECT_TRUE(recording.names.count("hotsplit"));
-        EXPECT_EQ(recording.lost, 0u);
+        EXPECT_GT(recording.samples, recording.lost) << "rings hold what comes in 400 ms";
         EXPECT_GT(recording.cost, 0u);
         EXPECT_EQ(recording.writtenByCost, recording.samples);
         // It was stopped before its exec: the new program and its mappings were seen.
@@ -94,14 +96,14 @@ TEST_P(StackSamplerTest, ThreadsStartedLaterAreSeenWithTheirNames)
 {
     Recording recording;
     Target target(Target::Begin::kRunning, "800", "later-thread");
-    recording.setFunctions(target.functions());
+    const FunctionMap functions = target.functions();
     auto sampler = startStackSampler(optionsFor(target.pid()), recording, nullptr, GetParam());
     ASSERT_TRUE(sampler.ok()) << sampler.status().message();
     target.wait();
     ASSERT_TRUE(sampler.value()->stop().ok());
     EXPECT_EQ(recording.tids.size(), 2u);
     EXPECT_TRUE(recording.names.count("later"));
-    EXPECT_NEAR(double(recording.share("hot_later")), 33, 12);
+    EXPECT_NEAR(recording.share(functions, "hot_later"), 33, 12);
 }
 
 TEST_P(StackSamplerTest, ChildProcessesAreSampled)
@@ -111,13 +113,13 @@ TEST_P(StackSamplerTest, ChildProcessesAreSampled)
     auto sampler = startStackSampler(optionsFor(target.pid()), recording, &recording, GetParam());
     ASSERT_TRUE(sampler.ok()) << sampler.status().message();
     target.resume();
-    recording.setFunctions(target.functions());
+    const FunctionMap functions = target.functions();
     target.wait();
     ASSERT_TRUE(sampler.value()->stop().ok());
     ASSERT_EQ(recording.forks.size(), 1u);
     ASSERT_EQ(recording.byPid.size(), 2u) << "itself, and nobody else's";
     EXPECT_GT(recording.byPid[static_cast<uint32_t>(recording.forks[0])], 60u) << "150 ms at 1 kHz";
-    EXPECT_NEAR(double(recording.share("hot_child")), 33, 12);
+    EXPECT_NEAR(recording.share(functions, "hot_child"), 33, 12);
     EXPECT_TRUE(recording.exits.count(static_cast<uint32_t>(recording.forks[0])));
 }
 
@@ -145,18 +147,18 @@ TEST_P(StackSamplerTest, ShortThreadsAreSampled)
     auto second = startStackSampler(optionsFor(many.pid()), brief, nullptr, GetParam());
     ASSERT_TRUE(second.ok()) << second.status().message();
     many.resume();
-    brief.setFunctions(many.functions());
+    const FunctionMap functions = many.functions();
     many.wait();
     ASSERT_TRUE(second.value()->stop().ok());
     EXPECT_GT(brief.tids.size(), 20u) << "30 threads of 2 ms each at 1 kHz";
-    EXPECT_GT(brief.byFunction["hot_short"], 20u);
+    EXPECT_GT(Recording::countWith(brief.sampled, functions, "hot_short"), 20u);
 }
 
 TEST_P(StackSamplerTest, PauseSendsEverythingAndNothingFollowsUntilUnpause)
 {
     Recording recording;
     Target target(Target::Begin::kRunning, "60000");
-    recording.setFunctions(target.functions());
+    const FunctionMap functions = target.functions();
     auto started = startStackSampler(optionsFor(target.pid()), recording, nullptr, GetParam());
     ASSERT_TRUE(started.ok()) << started.status().message();
     StackSampler& sampler = *started.value();
@@ -217,7 +219,7 @@ TEST_P(StackSamplerTest, KernelStacksStandBelowUserStacks)
     auto sampler = startStackSampler(options, recording, &recording, GetParam());
     ASSERT_TRUE(sampler.ok()) << sampler.status().message();
     target.resume();
-    recording.setFunctions(target.functions());
+    const FunctionMap functions = target.functions();
     target.wait();
     ASSERT_TRUE(sampler.value()->stop().ok());
     EXPECT_GT(recording.inKernel, 0u) << "exec and the thread clock work in the kernel";
@@ -226,14 +228,26 @@ TEST_P(StackSamplerTest, KernelStacksStandBelowUserStacks)
     EXPECT_EQ(recording.flags, stacks::SessionRecord::kUserStacks | stacks::SessionRecord::kKernelStacks);
 }
 
+/// By proc(5): the state follows the name.
+bool hasThreadAsleep(pid_t pid, const std::string& name)
+{
+    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+    for (const std::string& tid : sys::listDirectory(tasks).take()) {
+        const auto stat = sys::readFile(tasks + "/" + tid + "/stat", 4096);
+        if (stat.ok() && stat.value().find("(" + name + ") S") != std::string::npos)
+            return true;
+    }
+    return false;
+}
+
 void expectWaits(Recording& recording, Target& target, StackSampler& sampler)
 {
-    recording.blockedBegin = std::stoull(target.line(), nullptr, 16);
-    recording.blockedEnd = recording.blockedBegin + 24; // it does nothing but call
+    const FunctionMap functions = target.functions();
     target.wait();
     ASSERT_TRUE(sampler.stop().ok());
-    EXPECT_GE(recording.blockedNs["waiting"], 20u * 20'000'000);
-    EXPECT_GE(recording.blockedInside, 1u); // rarely most are without their stack: docs/architecture.md
+    // It may be kept from leaving the processor for a while after its clock was set.
+    EXPECT_GE(recording.blockedNs["waiting"], 19u * 20'000'000);
+    EXPECT_GE(Recording::countWith(recording.waits, functions, "wait_outer"), 20u);
     EXPECT_GE(recording.blockedNs["forever"], 19u * 20'000'000)
         << "it began a little later than the sleeping did; recorded: " << testing::PrintToString(recording.blockedNs);
     EXPECT_TRUE(recording.flags & stacks::SessionRecord::kBlockedThreads);
@@ -248,18 +262,25 @@ TEST_P(StackSamplerTest, WaitingThreadsAreRecordedWhenAsked)
     Target target(Target::Begin::kStopped, "20", "", "/waiting");
     StackSamplerOptions options = optionsFor(target.pid());
     options.allThreadStates = true;
+    // Others that watch switches at the same time, opened before and after, leave every wait its stack.
+    Recording ofBefore, ofAfter;
+    StackSamplerOptions ofOthers = optionsFor(::getpid());
+    ofOthers.allThreadStates = true;
+    auto before = startStackSampler(ofOthers, ofBefore, nullptr, GetParam());
     auto sampler = startStackSampler(options, launched, nullptr, GetParam());
+    auto after = startStackSampler(ofOthers, ofAfter, nullptr, GetParam());
     ASSERT_TRUE(sampler.ok()) << sampler.status().message();
+    ASSERT_TRUE(before.ok() && after.ok());
     target.resume();
     expectWaits(launched, target, *sampler.value());
+    EXPECT_TRUE(before.value()->stop().ok());
+    EXPECT_TRUE(after.value()->stop().ok());
 
     // A thread that waited before and waits on shows as one wait of the whole recording.
     Recording attached;
     Target running(Target::Begin::kRunning, "1000", "", "/waiting");
     running.line();
-    const std::string tasks = "/proc/" + std::to_string(running.pid()) + "/task";
-    while (sys::listDirectory(tasks).take().size() < 2)
-        ;
+    ASSERT_TRUE(eventually([&running] { return hasThreadAsleep(running.pid(), "forever"); }));
     options.pid = running.pid();
     const uint64_t beginNs = sys::monotonicNs();
     auto second = startStackSampler(options, attached, nullptr, GetParam());
@@ -269,7 +290,7 @@ TEST_P(StackSamplerTest, WaitingThreadsAreRecordedWhenAsked)
         ;
     const uint64_t lastNs = sys::monotonicNs();
     ASSERT_TRUE(second.value()->stop().ok());
-    EXPECT_GE(attached.blockedNs["forever"], lastNs - startedNs - 50'000'000);
+    EXPECT_GE(attached.blockedNs["forever"], lastNs - startedNs);
     EXPECT_LE(attached.blockedNs["forever"], sys::monotonicNs() - beginNs);
 }
 
@@ -329,17 +350,17 @@ std::string claimsOfAnOrdinaryUser()
     if (!sampler.ok())
         return "skip: " + sampler.status().message();
     target.resume();
-    recording.setFunctions(target.functions());
+    const FunctionMap functions = target.functions();
     if (target.wait() != 0)
         return "skip: the target is not executable for others";
     if (!sampler.value()->stop().ok())
         wrong += "stop failed\n";
-    if (recording.samples < 500 || recording.byPid.size() != 1)
+    // An ordinary user's rings are small, so that some may be lost; they are told of.
+    if (recording.samples < 50 || recording.samples + recording.lost < 250 || recording.byPid.size() != 1)
         wrong += "samples: " + std::to_string(recording.samples) + "\n";
-    if (recording.share("hot_later") < 10
-        || recording.share("hot_60") < 20) // rings are small, so that some may be lost
-        wrong += "shares " + std::to_string(recording.share("hot_later")) + " "
-            + std::to_string(recording.share("hot_60")) + "\n";
+    if (recording.share(functions, "hot_later") < 10 || recording.share(functions, "hot_60") < 20)
+        wrong += "shares " + std::to_string(recording.share(functions, "hot_later")) + " "
+            + std::to_string(recording.share(functions, "hot_60")) + "\n";
     if (recording.inKernel != 0 || !(recording.flags & stacks::SessionRecord::kUserModeOnly))
         wrong += "kernel mode\n";
     if (recording.problems.find("sudo sysctl kernel.perf_event_paranoid=1") == std::string::npos)

@@ -7,10 +7,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <map>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -22,6 +22,35 @@
 
 /// What tests of the sampler record with, and what they record.
 namespace vnt {
+
+/// Where a target's functions are, from the line of names, begins and ends that it prints.
+class FunctionMap {
+public:
+    FunctionMap() = default;
+    explicit FunctionMap(const std::string& line)
+    {
+        std::istringstream words(line);
+        for (std::string name, begin, end; words >> name >> begin >> end;)
+            _byBegin[std::stoull(begin, nullptr, 16)] = {std::stoull(end, nullptr, 16), name};
+    }
+    /// Empty for an address in none of them.
+    [[nodiscard]] std::string at(uint64_t address) const
+    {
+        const auto next = _byBegin.upper_bound(address);
+        return next == _byBegin.begin() || address >= std::prev(next)->second.first ? ""
+                                                                                    : std::prev(next)->second.second;
+    }
+
+private:
+    std::map<uint64_t, std::pair<uint64_t, std::string>> _byBegin; ///< end and name
+};
+
+/// More samples than one thread can have had at one a millisecond of the time in between: some were counted twice. A
+/// thread that changes processors meets each one's clock at another point, so there may be some more than milliseconds.
+inline size_t tooManySamples(uint64_t firstNs, uint64_t lastNs)
+{
+    return static_cast<size_t>((lastNs - std::min(firstNs, lastNs)) / 1'000'000 * 5 / 4 + 50);
+}
 
 /// Everything a recording told, by function of the target. Written by the reader thread, read after stop() or under the
 /// lock.
@@ -42,26 +71,18 @@ public:
     {
         if (sample.blockedNs) {
             blockedNs[sample.thread->name] += sample.blockedNs;
-            std::vector<uint64_t> chain;
-            _reader.frames(sample.stack, chain);
-            blockedInside += std::any_of(chain.begin(), chain.end(), [this](uint64_t address) {
-                return address >= blockedBegin && address < blockedEnd;
-            });
+            waits.push_back(framesOf(sample));
             return;
         }
         ++samples;
         ++byPid[sample.thread->pid];
         tids.insert(sample.thread->tid);
         names.insert(sample.thread->name);
-        std::vector<uint64_t> frames;
-        _reader.frames(sample.stack, frames);
-        if (!frames.empty() && frames[0] >> 63)
+        firstNs = std::min(firstNs, sample.timeNs);
+        lastNs = std::max(lastNs, sample.timeNs);
+        sampled.push_back(framesOf(sample));
+        if (!sampled.back().empty() && sampled.back()[0] >> 63)
             ++inKernel;
-        for (const uint64_t address : frames) {
-            const auto next = _functions.upper_bound(address);
-            if (next != _functions.begin() && next != _functions.end())
-                ++byFunction[std::prev(next)->second];
-        }
     }
     void onOrphan(uint64_t) override { ADD_FAILURE() << "orphan"; }
     void onLost(uint64_t, stacks::LostCause, uint64_t newly, uint64_t) override { lost += newly; }
@@ -78,11 +99,6 @@ public:
     void onExit(uint64_t, pid_t) override { }
     void onKernelAddresses(std::span<const uint64_t> addresses) override { kernelAddresses += addresses.size(); }
 
-    void setFunctions(std::map<uint64_t, std::string> functions)
-    {
-        MutexLock lock(_mutex);
-        _functions = std::move(functions);
-    }
     size_t samplesSoFar()
     {
         MutexLock lock(_mutex);
@@ -98,16 +114,23 @@ public:
         }
         return true;
     }
-    size_t share(const char* name) const
+    /// How many of `recorded` have a frame of `name`.
+    static size_t countWith(const std::vector<std::vector<uint64_t>>& recorded, const FunctionMap& functions,
+                            const char* name)
     {
-        const auto found = byFunction.find(name);
-        return found == byFunction.end() || samples == 0 ? 0 : 100 * found->second / samples;
+        return static_cast<size_t>(std::count_if(recorded.begin(), recorded.end(), [&](const auto& frames) {
+            return std::any_of(frames.begin(), frames.end(),
+                               [&](uint64_t address) { return functions.at(address) == name; });
+        }));
+    }
+    double share(const FunctionMap& functions, const char* name) const
+    {
+        return sampled.empty() ? 0 : 100.0 * double(countWith(sampled, functions, name)) / double(sampled.size());
     }
 
+    std::vector<std::vector<uint64_t>> sampled, waits; ///< the stacks
+    uint64_t firstNs = UINT64_MAX, lastNs = 0; ///< of samples
     std::map<std::string, uint64_t> blockedNs; ///< by thread name
-    size_t blockedInside = 0; ///< waits with a frame in the range
-    std::atomic<uint64_t> blockedBegin{0}, blockedEnd{0};
-    std::map<std::string, size_t> byFunction;
     std::map<uint32_t, size_t> byPid;
     std::set<uint32_t> tids, exits;
     std::set<std::string> names;
@@ -120,10 +143,16 @@ public:
     uint32_t flags = 0;
 
 private:
+    std::vector<uint64_t> framesOf(const stacks::SampleRecord& sample) const
+    {
+        std::vector<uint64_t> frames;
+        _reader.frames(sample.stack, frames);
+        return frames;
+    }
+
     Mutex _mutex;
     Condition _changed;
     stacks::StackRecordReader _reader;
-    std::map<uint64_t, std::string> _functions; ///< by address; an empty name ends the last one
 };
 
 /// The target program, killed and reaped at the latest with this object.
@@ -160,23 +189,8 @@ public:
             text.push_back(byte);
         return text;
     }
-    /// Waits for the line with the functions' addresses.
-    std::map<uint64_t, std::string> functions()
-    {
-        const std::string line = this->line();
-        static constexpr const char* kNames[] = {"hot_60", "hot_30", "hot_10", "hot_later", "hot_short", "hot_child"};
-        std::map<uint64_t, std::string> result;
-        size_t at = line.find(' ');
-        for (const char* name : kNames) {
-            if (at == std::string::npos)
-                return {};
-            result[std::stoull(line.substr(at + 1), nullptr, 16)] = name;
-            at = line.find(' ', at + 1);
-        }
-        if (!result.empty())
-            result[result.rbegin()->first + 256] = "";
-        return result;
-    }
+    /// Waits for the line that tells where the functions are.
+    FunctionMap functions() { return FunctionMap(line()); }
     int wait(int signal = 0)
     {
         int status = 0;

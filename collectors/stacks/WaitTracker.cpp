@@ -10,9 +10,17 @@ constexpr size_t kMostThreads = 65536; // those that ended are removed; more mea
 
 } // namespace
 
-void WaitTracker::onLeave(uint32_t pid, uint32_t tid, uint64_t timeNs, std::span<const uint64_t> chain)
+void WaitTracker::onStack(uint32_t tid, std::span<const uint64_t> chain)
 {
-    _moments.push_back({timeNs, pid, tid, Kind::kLeave, {chain.begin(), chain.end()}});
+    if (_stacks.size() >= kMostThreads)
+        _stacks.clear();
+    _stacks[tid].assign(chain.begin(), chain.end());
+}
+
+void WaitTracker::onLeave(uint32_t pid, uint32_t tid, uint64_t timeNs)
+{
+    auto stack = _stacks.extract(tid);
+    _moments.push_back({timeNs, pid, tid, Kind::kLeave, stack ? std::move(stack.mapped()) : std::vector<uint64_t>()});
 }
 
 void WaitTracker::onTake(uint32_t pid, uint32_t tid, uint64_t timeNs)
@@ -46,7 +54,6 @@ void WaitTracker::apply(Moment& moment, uint64_t beganNs, const OnWait& onWait)
         thread.waits = false;
         return;
     case Kind::kLeave:
-        // The kernel tells twice: with the stack, and right after it without.
         if (thread.waits || thread.exited)
             return;
         thread.waits = true;

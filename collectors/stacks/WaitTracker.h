@@ -23,7 +23,9 @@ public:
     };
     using OnWait = std::function<void(const Wait&)>;
 
-    void onLeave(uint32_t pid, uint32_t tid, uint64_t timeNs, std::span<const uint64_t> chain);
+    /// Where a thread is that leaves its processor now: the same ring tells next that it left.
+    void onStack(uint32_t tid, std::span<const uint64_t> chain);
+    void onLeave(uint32_t pid, uint32_t tid, uint64_t timeNs);
     void onTake(uint32_t pid, uint32_t tid, uint64_t timeNs);
     void onBegin(uint32_t pid, uint32_t tid, uint64_t timeNs);
     void onExit(uint32_t pid, uint32_t tid, uint64_t timeNs);
@@ -58,6 +60,7 @@ private:
     void apply(Moment& moment, uint64_t beganNs, const OnWait& onWait);
 
     std::vector<Moment> _moments;
+    std::unordered_map<uint32_t, std::vector<uint64_t>> _stacks; ///< by thread id, until it is told that it left
     std::unordered_map<uint32_t, Thread> _threads; ///< by thread id
     uint64_t _toldNs = 0; ///< up to when finish() told all
 };

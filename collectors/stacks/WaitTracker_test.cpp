@@ -30,14 +30,16 @@ TEST(WaitTracker, PairsMomentsOfSeveralRings)
     const std::vector<uint64_t> chain{1, 2, 3};
     // The ring of the second processor is read first.
     tracker.onTake(7, 7, 300);
-    tracker.onLeave(7, 7, 200, chain);
-    tracker.onLeave(7, 7, 201, {});
+    tracker.onStack(7, std::vector<uint64_t>{4});
+    tracker.onStack(7, chain);
+    tracker.onLeave(7, 7, 200);
+    tracker.onLeave(7, 7, 201);
     tracker.onTake(7, 7, 150);
-    tracker.onLeave(7, 7, 120, {});
+    tracker.onLeave(7, 7, 120);
     tracker.settle(100, 250, waits.collect());
     EXPECT_EQ(waits.take(), "7:120-150(0) ") << "later moments may still have earlier ones to come";
     tracker.settle(100, 300, waits.collect());
-    EXPECT_EQ(waits.take(), "7:200-300(3) ") << "the first of two leavings has the stack";
+    EXPECT_EQ(waits.take(), "7:200-300(3) ") << "the latest stack belongs to the leaving told after it";
 }
 
 TEST(WaitTracker, KnowsWhoWaitedSinceTheBeginningAndWhoStillWaits)
@@ -48,9 +50,9 @@ TEST(WaitTracker, KnowsWhoWaitedSinceTheBeginningAndWhoStillWaits)
     tracker.onBegin(7, 9, 160);
     tracker.onTake(7, 9, 170);
     tracker.onRunning(10);
-    tracker.onLeave(7, 11, 180, {});
+    tracker.onLeave(7, 11, 180);
     tracker.onExit(7, 12, 190);
-    tracker.onLeave(7, 12, 191, {});
+    tracker.onLeave(7, 12, 191);
     const std::vector<uint32_t> threads{8, 9, 10, 11, 13};
     tracker.finish(100, 200, 7, threads, waits.collect());
     EXPECT_EQ(waits.take(), "8:100-150(0) 11:180-200(0) 13:100-200(0) ");

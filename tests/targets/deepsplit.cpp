@@ -1,6 +1,6 @@
 /// Calls 30 functions deep and spends its processor time there in three leaves, in known shares: 60 % in spin_60, 30 %
 /// in spin_30, and 10 % in the C library's memset below fill_10. All of it happens below qsort of the C library, which
-/// keeps no frame pointer. Prints the names and addresses of its functions first.
+/// keeps no frame pointer. Prints the names of its functions first, and where each begins and ends.
 /// Usage: deepsplit MILLISECONDS [signal | big]
 ///
 /// signal: in a signal's handler. big: each of the 30 frames takes 1 KiB of the stack.
@@ -13,6 +13,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+
+#include "ownSection.h"
 
 namespace {
 
@@ -32,7 +34,7 @@ void* (*volatile fill)(void*, int, size_t) = std::memset;
 } // namespace
 
 #define SPIN(name)                                                                                                     \
-    extern "C" __attribute__((noinline)) void name(uint64_t durationNs)                                                \
+    OWN_SECTION(name) void name(uint64_t durationNs)                                                                   \
     {                                                                                                                  \
         const uint64_t until = cpuNs() + durationNs;                                                                   \
         volatile uint64_t sink = 1;                                                                                    \
@@ -44,7 +46,7 @@ void* (*volatile fill)(void*, int, size_t) = std::memset;
 SPIN(spin_60)
 SPIN(spin_30)
 
-extern "C" __attribute__((noinline)) void fill_10(uint64_t durationNs)
+OWN_SECTION(fill_10) void fill_10(uint64_t durationNs)
 {
     const uint64_t until = cpuNs() + durationNs;
     while (cpuNs() < until) {
@@ -53,7 +55,7 @@ extern "C" __attribute__((noinline)) void fill_10(uint64_t durationNs)
     }
 }
 
-extern "C" __attribute__((noinline)) void work()
+OWN_SECTION(work) void work()
 {
     while (cpuNs() < budgetNs) {
         spin_60(6'000'000);
@@ -62,7 +64,7 @@ extern "C" __attribute__((noinline)) void work()
     }
 }
 
-extern "C" __attribute__((noinline)) void descend(int depth)
+OWN_SECTION(descend) void descend(int depth)
 {
     if (depth > 1)
         descend(depth - 1);
@@ -71,7 +73,7 @@ extern "C" __attribute__((noinline)) void descend(int depth)
     asm volatile(""); // keeps the frame: no tail call
 }
 
-extern "C" __attribute__((noinline)) void descend_big(int depth)
+OWN_SECTION(descend_big) void descend_big(int depth)
 {
     char space[1024];
     asm volatile("" : : "r"(space) : "memory");
@@ -82,13 +84,13 @@ extern "C" __attribute__((noinline)) void descend_big(int depth)
     asm volatile("" : : "r"(space) : "memory");
 }
 
-extern "C" __attribute__((noinline)) void on_signal(int)
+OWN_SECTION(on_signal) void on_signal(int)
 {
     descent(30);
     asm volatile("");
 }
 
-extern "C" __attribute__((noinline)) int compare(const void*, const void*)
+OWN_SECTION(compare) int compare(const void*, const void*)
 {
     if (descent)
         descent(30);
@@ -104,17 +106,9 @@ int main(int argc, char** argv)
     budgetNs = (argc > 1 ? std::strtoull(argv[1], nullptr, 10) : 1000) * 1'000'000;
     const std::string mode = argc > 2 ? argv[2] : "";
     descent = mode == "big" ? descend_big : mode == "signal" ? nullptr : descend;
-    const struct {
-        const char* name;
-        void* address;
-    } functions[] = {
-        {"spin_60", reinterpret_cast<void*>(spin_60)},     {"spin_30", reinterpret_cast<void*>(spin_30)},
-        {"fill_10", reinterpret_cast<void*>(fill_10)},     {"work", reinterpret_cast<void*>(work)},
-        {"descend", reinterpret_cast<void*>(descend)},     {"descend_big", reinterpret_cast<void*>(descend_big)},
-        {"on_signal", reinterpret_cast<void*>(on_signal)}, {"compare", reinterpret_cast<void*>(compare)},
-    };
-    for (const auto& function : functions)
-        std::printf("%s %p ", function.name, function.address);
+    for (const CodeRange& range : {RANGE_OF(spin_60), RANGE_OF(spin_30), RANGE_OF(fill_10), RANGE_OF(work),
+                                   RANGE_OF(descend), RANGE_OF(descend_big), RANGE_OF(on_signal), RANGE_OF(compare)})
+        std::printf("%s %p %p ", range.name, range.begin, range.end);
     std::printf("\n");
     std::fflush(stdout);
     ::signal(SIGUSR1, on_signal);

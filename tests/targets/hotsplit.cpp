@@ -1,5 +1,6 @@
 /// Spends its processor time in hot_60, hot_30 and hot_10 in these shares, measured by its own thread clock, until
-/// standard input ends or MILLISECONDS of processor time are used. Prints its process id first.
+/// standard input ends or MILLISECONDS of processor time are used. Prints first its functions' names and where each
+/// begins and ends.
 /// Usage: hotsplit MILLISECONDS [later-thread | short-threads | fork | exec]
 #include <sys/wait.h>
 #include <time.h>
@@ -11,6 +12,8 @@
 #include <cstring>
 #include <string>
 #include <thread>
+
+#include "ownSection.h"
 
 namespace {
 
@@ -24,7 +27,7 @@ uint64_t cpuNs()
 } // namespace
 
 #define HOT(name)                                                                                                      \
-    extern "C" __attribute__((noinline)) void name(uint64_t durationNs)                                                \
+    OWN_SECTION(name) void name(uint64_t durationNs)                                                                   \
     {                                                                                                                  \
         const uint64_t until = cpuNs() + durationNs;                                                                   \
         volatile uint64_t sink = 1;                                                                                    \
@@ -45,9 +48,10 @@ int main(int argc, char** argv)
     const uint64_t budgetNs = (argc > 1 ? std::strtoull(argv[1], nullptr, 10) : 1000) * 1'000'000;
     const std::string mode = argc > 2 ? argv[2] : "";
     // The addresses let a test tell the functions apart without symbols.
-    std::printf("%d %p %p %p %p %p %p\n", ::getpid(), reinterpret_cast<void*>(hot_60), reinterpret_cast<void*>(hot_30),
-                reinterpret_cast<void*>(hot_10), reinterpret_cast<void*>(hot_later), reinterpret_cast<void*>(hot_short),
-                reinterpret_cast<void*>(hot_child));
+    for (const CodeRange& range : {RANGE_OF(hot_60), RANGE_OF(hot_30), RANGE_OF(hot_10), RANGE_OF(hot_later),
+                                   RANGE_OF(hot_short), RANGE_OF(hot_child)})
+        std::printf("%s %p %p ", range.name, range.begin, range.end);
+    std::printf("\n");
     std::fflush(stdout);
     if (mode == "exec") {
         hot_60(budgetNs / 2);

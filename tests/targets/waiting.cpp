@@ -1,5 +1,5 @@
-/// Sleeps ROUNDS times 20 ms below wait_outer() while a second thread waits for good. Prints the address of wait_outer
-/// first; needs next to no processor time.
+/// Sleeps ROUNDS times 20 ms below wait_outer() while a second thread waits for good. Prints first where
+/// wait_outer begins and ends; needs next to no processor time.
 /// Usage: waiting ROUNDS
 #include <pthread.h>
 #include <semaphore.h>
@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <thread>
 
+#include "ownSection.h"
+
 extern "C" __attribute__((noinline)) void wait_inner()
 {
     const timespec pause{0, 20'000'000};
@@ -18,7 +20,7 @@ extern "C" __attribute__((noinline)) void wait_inner()
 }
 
 // A frame-pointer chain leaves out the direct caller of a C library function without a frame.
-extern "C" __attribute__((noinline)) void wait_outer()
+OWN_SECTION(wait_outer) void wait_outer()
 {
     wait_inner();
     asm volatile("");
@@ -27,7 +29,8 @@ extern "C" __attribute__((noinline)) void wait_outer()
 int main(int argc, char** argv)
 {
     const int rounds = argc > 1 ? std::atoi(argv[1]) : 10;
-    std::printf("%p\n", reinterpret_cast<void*>(wait_outer));
+    const CodeRange outer = RANGE_OF(wait_outer);
+    std::printf("%s %p %p\n", outer.name, outer.begin, outer.end);
     std::fflush(stdout);
     sem_t ready;
     ::sem_init(&ready, 0, 0);
