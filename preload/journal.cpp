@@ -27,8 +27,8 @@ constexpr uint8_t kShown = 2; ///< the thread's Presence is seen
 
 struct ThreadState {
     Ring* ring;
+    Presence* presence; ///< valid from LivePage::firstSession on
     uint32_t session; ///< of LivePage, that the ring belongs to
-    uint32_t number; ///< of the ring
     uint32_t head; ///< of the ring, as we wrote it
     uint32_t tail; ///< as last seen
     uint8_t inside; ///< not 0: a record is being made, and what a signal handler does meanwhile is counted only
@@ -88,22 +88,42 @@ Ring* claimFreeRing(const LivePage& page, uint32_t tid)
 
 inline void leave()
 {
-    __atomic_store_n(&presences[thread.number].inside, 0u, __ATOMIC_RELEASE); // pairs with isAnybodyInside()
+    __atomic_store_n(&thread.presence->inside, 0u, __ATOMIC_RELEASE); // pairs with isAnybodyInside()
     __atomic_signal_fence(__ATOMIC_SEQ_CST);
     thread.inside = 0;
 }
 
-/// A thread that has ended left a ring in which another may go on; also the one that had the caller's number before it.
+/// Takes a place that nobody has, or that of a thread which has ended; also the one that had the caller's number before
+/// it.
+bool takeOwner(uint32_t& place, uint32_t process, uint32_t tid)
+{
+    uint32_t owner = load(place);
+    if (owner != 0 && owner != tid && raw::call(SYS_tgkill, process, owner, 0) != -ESRCH)
+        return false;
+    return __atomic_compare_exchange_n(&place, &owner, tid, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED);
+}
+
+/// A thread that has ended left a ring in which another may go on.
 Ring* inheritRing(const LivePage& page, uint32_t tid)
 {
-    const long process = raw::call(SYS_getpid);
     for (uint32_t i = 0; i < page.ringCount; ++i) {
-        uint32_t& place = page.rings[i].header.owner;
-        uint32_t owner = load(place);
-        if (owner != tid && raw::call(SYS_tgkill, process, owner, 0) != -ESRCH)
-            continue;
-        if (__atomic_compare_exchange_n(&place, &owner, tid, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED))
+        if (takeOwner(page.rings[i].header.owner, page.process, tid))
             return &page.rings[i];
+    }
+    return nullptr;
+}
+
+Presence* takePresence(const LivePage& page, uint32_t tid)
+{
+    if (thread.presence && thread.session >= page.firstSession)
+        return thread.presence;
+    for (Presence& presence : presences) {
+        if (load(presence.owner) == 0 && takeOwner(presence.owner, page.process, tid))
+            return &presence;
+    }
+    for (Presence& presence : presences) {
+        if (takeOwner(presence.owner, page.process, tid))
+            return &presence;
     }
     return nullptr;
 }
@@ -113,19 +133,21 @@ bool takeRing(const LivePage& page)
     if (thread.session == page.session)
         return !thread.withoutRing;
     const auto tid = static_cast<uint32_t>(raw::call(SYS_gettid));
+    if (static_cast<uint32_t>(raw::call(SYS_getpid)) != page.process)
+        return false; // a vfork's child: what it took would be given to another thread when it ends, and be ours, too
+    thread.presence = takePresence(page, tid);
     thread.session = page.session;
-    thread.ring = claimFreeRing(page, tid);
-    if (!thread.ring)
+    thread.ring = thread.presence ? claimFreeRing(page, tid) : nullptr;
+    if (thread.presence && !thread.ring)
         thread.ring = inheritRing(page, tid);
     thread.withoutRing = !thread.ring;
     if (!thread.ring)
         return false;
-    thread.number = static_cast<uint32_t>(thread.ring - page.rings);
     thread.head = load(thread.ring->header.head);
     thread.tail = load(thread.ring->header.tail);
     thread.lossy = false;
     thread.waitsWithoutBeat = 0;
-    thread.stack.find(tid == static_cast<uint32_t>(raw::call(SYS_getpid)));
+    thread.stack.find(tid == page.process);
     return true;
 }
 
@@ -134,10 +156,10 @@ bool takeRing(const LivePage& page)
 {
     bool entered = false;
     __atomic_fetch_add(&strangers, 1, __ATOMIC_SEQ_CST); // as a Presence; and the barrier is in it
-    if (load(page.recording) != 0 && isWanted(page)) {
+    if (isRecording(page) && isWanted(page)) {
         entered = takeRing(page);
         if (entered)
-            store(presences[thread.number].inside, 1u);
+            store(thread.presence->inside, 1u);
         else
             __atomic_fetch_add(&page.shared->unrecordedThreads, 1, __ATOMIC_RELAXED);
     }
@@ -169,9 +191,11 @@ inline bool enter(const LivePage& page)
             return false;
         }
     } else {
-        store(presences[thread.number].inside, 1u);
+        store(thread.presence->inside, 1u);
         __atomic_signal_fence(__ATOMIC_SEQ_CST); // endSession() has the barrier
-        if (__builtin_expect(load(page.recording) == 0 || !isWanted(page), 0)) {
+        // Only now is it certain that what the thread knows is of this session: another may have begun meanwhile, and
+        // the event is from before it.
+        if (__builtin_expect(!isRecording(page) || load(page.session) != thread.session || !isWanted(page), 0)) {
             leave();
             return false;
         }

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <linux/futex.h>
 #include <linux/membarrier.h>
+#include <linux/stat.h>
 #include <sys/mman.h>
 #include <time.h>
 
@@ -12,6 +13,7 @@
 #include "preload/real.h"
 #include "preload/redirect.h"
 #include "preload/rendezvous.h"
+#include "preload/work.h"
 
 #define VNT_EXPORT extern "C" __attribute__((visibility("default")))
 
@@ -24,22 +26,37 @@ const LivePage kQuietPage{};
 constexpr int kExitPauses = 5000; // of a tenth of a millisecond: half a second
 constexpr int64_t kLeaveNs = 50'000'000; // a record takes less than a microsecond of processor time
 
+/// The session's memory.
+struct Mapped {
+    Shared* shared;
+    size_t bytes;
+};
+
+/// A descriptor that was made for a collector, until it is used: the collector may have died before.
+struct Made {
+    int32_t descriptor;
+    uint32_t device;
+    uint64_t inode; ///< 0: there is none
+};
+
 LivePage* page; // what `live` points to, once there is one
 uint32_t sessions; // begun; not wiped by a fork, so that no number comes twice in a thread
+Mapped mapped; // what page->shared leads to; not wiped either: a fork's child has it, too
+Made made;
 
 bool ensurePage()
 {
     if (page)
         return true;
-    void* mapped = ::mmap(nullptr, kPageBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (mapped == MAP_FAILED)
+    void* place = ::mmap(nullptr, kPageBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (place == MAP_FAILED)
         return false;
     // Without the wiping (Linux before 4.14) a fork's child could not be told from us: then nothing is recorded.
-    if (::madvise(mapped, kPageBytes, MADV_WIPEONFORK) != 0) {
-        (void)::munmap(mapped, kPageBytes);
+    if (::madvise(place, kPageBytes, MADV_WIPEONFORK) != 0) {
+        (void)::munmap(place, kPageBytes);
         return false;
     }
-    page = static_cast<LivePage*>(mapped);
+    page = static_cast<LivePage*>(place);
     __atomic_store_n(&live, page, __ATOMIC_RELEASE);
     return true;
 }
@@ -47,11 +64,16 @@ bool ensurePage()
 void beginSession(const Memory& memory)
 {
     if (page->session == 0) { // the first, or this is a fork's child: its parent's other threads are not here
-        for (Presence& presence : presences)
+        for (Presence& presence : presences) {
             store(presence.inside, 0u);
+            store(presence.owner, 0u);
+        }
         store(strangers, 0u);
+        page->firstSession = sessions + 1;
     }
-    page->session = ++sessions;
+    mapped = {memory.shared, static_cast<size_t>(totalBytes(memory.ringCount))};
+    page->process = static_cast<uint32_t>(raw::call(SYS_getpid));
+    store(page->session, ++sessions);
     page->rings = memory.rings;
     page->ringCount = memory.ringCount;
     page->usesTsc = memory.flags & kClockIsTsc;
@@ -107,12 +129,50 @@ bool endSession()
 
 void giveMemoryBack()
 {
-    Shared* shared = page->shared;
-    const uint64_t bytes = totalBytes(page->ringCount);
     page->shared = nullptr;
     page->rings = nullptr;
-    if (shared)
-        (void)::munmap(shared, static_cast<size_t>(bytes));
+    const Mapped memory = mapped;
+    mapped = {}; // first: who forks in between must not take it for his
+    if (memory.shared)
+        (void)::munmap(memory.shared, memory.bytes);
+}
+
+/// In a fork's child: what its parent was recorded into. It stays where the thread that forked may have done so from
+/// within a record (in a signal handler), and may come back to it.
+void dropParentsMemory()
+{
+    if (page->session == 0 && mapped.shared && !isAnybodyInside())
+        giveMemoryBack();
+}
+
+bool identify(int32_t descriptor, Made& file)
+{
+    struct statx about { }; // the same for both widths, where others are not
+    if (raw::failed(raw::call(SYS_statx, descriptor, raw::argument(""), 0x1000, STATX_INO, raw::argument(&about))))
+        return false; // 0x1000: AT_EMPTY_PATH, openat(2)
+    file = {descriptor, about.stx_dev_minor, about.stx_ino};
+    return true;
+}
+
+/// Unless the target has closed it, and perhaps uses its number for something else.
+void closeMade()
+{
+    Made now{};
+    if (made.inode != 0 && identify(made.descriptor, now) && now.device == made.device && now.inode == made.inode)
+        (void)raw::call(SYS_close, made.descriptor);
+    made = {};
+}
+
+int32_t makeMemory()
+{
+    constexpr unsigned kCloseOnExecAndSealable = 1 | 2; // memfd_create(2)
+    closeMade();
+    const long descriptor =
+        raw::call(SYS_memfd_create, raw::argument("vantora-heap"), static_cast<long>(kCloseOnExecAndSealable));
+    if (raw::failed(descriptor) || identify(static_cast<int32_t>(descriptor), made))
+        return static_cast<int32_t>(descriptor);
+    (void)raw::call(SYS_close, descriptor);
+    return -ENOSYS;
 }
 
 /// The journal of a collector that is gone does not stand in the way of another.
@@ -134,23 +194,25 @@ int32_t attach(AttachRequest& request)
         return kJournalUnsound;
     // The first makes the barrier of the end cheap for everybody; without it that one is tried all the same.
     (void)raw::call(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0);
+    dropParentsMemory();
     if (page->shared) { // of a collector that is gone, or that a thread was still using when it left
         if (!endSession())
             return kJournalStraying;
         giveMemoryBack();
     }
-    Welcome welcome{kMagic, kVersion, 1, request.eventsMask, request.flags & kClockIsTsc};
-    const Memory memory = mapMemory(request.descriptor, welcome);
-    if (!memory.shared)
-        return kJournalUnsound;
-    if (isLate()) {
+    if (isLate()) { // first, as it may wait for a lock: what leads here already is passed on
         const Redirected redirected = redirectModules();
         request.redirected = redirected.places;
         request.refused = redirected.refused;
-        if (redirected.places == 0) {
-            (void)::munmap(memory.shared, static_cast<size_t>(totalBytes(memory.ringCount)));
+        if (redirected.places == 0)
             return kJournalNothing;
-        }
+    }
+    Welcome welcome{kMagic, kVersion, 1, request.eventsMask, request.flags & kClockIsTsc};
+    const Memory memory = mapMemory(request.descriptor, welcome);
+    if (!memory.shared) {
+        if (isLate())
+            restoreModules();
+        return kJournalUnsound;
     }
     beginSession(memory);
     return 0;
@@ -158,6 +220,7 @@ int32_t attach(AttachRequest& request)
 
 int32_t detach()
 {
+    closeMade();
     if (isLate())
         restoreModules();
     if (!page || !page->shared)
@@ -168,20 +231,10 @@ int32_t detach()
     return 0;
 }
 
-int32_t extend(AttachRequest& request)
-{
-    if (!isLate() || !page || load(page->recording) == 0)
-        return 0;
-    const Redirected redirected = redirectModules();
-    request.redirected = redirected.places;
-    request.refused = redirected.refused;
-    return 0;
-}
-
 } // namespace
 
 const LivePage* live = &kQuietPage;
-Presence presences[kRings];
+Presence presences[kPresences];
 uint32_t strangers;
 
 void greetCollector(char** environment)
@@ -197,7 +250,7 @@ void awaitCollector()
     if (load(current.recording) == 0)
         return;
     __atomic_fetch_add(&strangers, 1, __ATOMIC_SEQ_CST);
-    if (load(current.recording) != 0 && isWanted(current)) {
+    if (isRecording(current) && isWanted(current)) {
         Shared& shared = *current.shared;
         __atomic_store_n(&shared.exitAsked, 1u, __ATOMIC_RELEASE);
         for (int i = 0; i < kExitPauses && load(shared.exitAnswered) == 0 && isWanted(current); ++i) {
@@ -218,32 +271,26 @@ template <typename Function> static void answer(AttachRequest& request, Function
 {
     const int error = errno;
     request.errorPlace = reinterpret_cast<uintptr_t>(&errno);
-    request.result = function();
+    request.result = kJournalAtWork;
+    request.worker = static_cast<uint32_t>(raw::call(SYS_gettid));
+    request.workPlace = reinterpret_cast<uintptr_t>(workPlace());
+    if (beginWork() != 0) {
+        request.result = function();
+        endWork();
+    }
     request.answered = 1;
     errno = error;
 }
 
-VNT_EXPORT void vntJournalMemory(AttachRequest* request)
-{
-    constexpr unsigned kCloseOnExecAndSealable = 1 | 2; // memfd_create(2)
-    answer(*request, [] {
-        return static_cast<int32_t>(
-            raw::call(SYS_memfd_create, raw::argument("vantora-heap"), kCloseOnExecAndSealable));
-    });
-}
+VNT_EXPORT void vntJournalMemory(AttachRequest* request) { answer(*request, makeMemory); }
 
 VNT_EXPORT void vntJournalAttach(AttachRequest* request)
 {
     answer(*request, [request] {
         const int32_t result = attach(*request);
-        (void)raw::call(SYS_close, request->descriptor);
+        closeMade();
         return result;
     });
-}
-
-VNT_EXPORT void vntJournalExtend(AttachRequest* request)
-{
-    answer(*request, [request] { return extend(*request); });
 }
 
 VNT_EXPORT void vntJournalDetach(AttachRequest* request) { answer(*request, detach); }

@@ -9,7 +9,7 @@
 namespace vnt::journal {
 
 inline constexpr uint32_t kMagic = 0x4a484e56; ///< "VNHJ"
-inline constexpr uint16_t kVersion = 1; ///< both ends come from one build; others refuse one another
+inline constexpr uint16_t kVersion = 2; ///< both ends come from one build; others refuse one another
 
 /// Environment variable that names the collector's abstract Unix socket (unix(7)), without the leading null byte.
 inline constexpr char kSocketVariable[] = "VNT_HEAP_JOURNAL";
@@ -33,10 +33,11 @@ struct Welcome {
 static_assert(sizeof(Welcome) == 16);
 
 /// What the exported functions of the journal are told when it is loaded into a process that runs already, and answer.
-/// They are called by a tracer on a thread at a safe point, one at a time:
+/// They are called by a tracer on a thread at a safe point. A tracer that dies leaves its call to go on by itself, and
+/// the next one may come before that has ended: one that finds another at work does nothing.
 ///   vntJournalMemory   makes a descriptor of anonymous memory for the collector to take and to size; answers it
-///   vntJournalAttach   maps that memory, closes the descriptor, redirects the loaded modules and records from there on
-///   vntJournalExtend   redirects modules that were loaded since
+///   vntJournalAttach   maps that memory, closes the descriptor, redirects the loaded modules, now and as others are
+///                      loaded, and records from there on
 ///   vntJournalDetach   gives the modules back what they had, and the memory away; the library stays, idle
 struct AttachRequest {
     uint32_t magic;
@@ -51,15 +52,19 @@ struct AttachRequest {
     uint32_t redirected; ///< answer: places that lead to the journal now
     uint32_t refused; ///< answer: places that could not be changed
     uint64_t errorPlace; ///< answer: where the calling thread has its errno
+    uint64_t workPlace; ///< answer, from the beginning of the call on: what says who is at work, 32 bits
+    uint32_t worker; ///< answer: what it says during this call; a tracer that takes the thread out of it puts 0 there
+    uint32_t reserved;
 };
-static_assert(sizeof(AttachRequest) == 48);
+static_assert(sizeof(AttachRequest) == 64);
 
 enum AttachError : int32_t {
     kJournalForeign = -1001, ///< another version of the journal is loaded
     kJournalBusy = -1002, ///< it records for another collector
     kJournalUnsound = -1003, ///< the memory is not as it must be, or cannot be mapped
     kJournalNothing = -1004, ///< no module calls an allocator that can be redirected
-    kJournalStraying = -1005, ///< vntJournalDetach: a thread is still within a record; the memory stays mapped
+    kJournalStraying = -1005, ///< a thread is still within a record; the memory stays mapped
+    kJournalAtWork = -1006, ///< another thread is within one of these functions
 };
 
 inline constexpr uint32_t kClockIsTsc = 1; ///< Welcome::flags: times are rdtsc ticks, else CLOCK_MONOTONIC ns

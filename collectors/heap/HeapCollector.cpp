@@ -169,6 +169,7 @@ JournalCollector::~JournalCollector()
         const uint64_t one = 1;
         VNT_CHECK(sys::writeFully(_wake.get(), &one, sizeof one).ok());
         _thread.join();
+        takeGreetings(); // a target that was left as soon as it was attached to has not been looked at yet
     }
     if (_reader)
         _reader->switchOff();

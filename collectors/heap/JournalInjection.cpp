@@ -21,6 +21,7 @@ constexpr const char* kDirectories32[] = {"lib32", "lib/i386-linux-gnu", "lib"};
 constexpr std::chrono::milliseconds kDeadAfter{700};
 constexpr int kTriesForStraying = 20;
 constexpr std::chrono::milliseconds kBetweenTries{25};
+constexpr int32_t kLargestErrno = 1000; // journal::AttachError lies below its negative
 constexpr uint64_t kThreadLocalBytes = 64 << 10; // of which errno is somewhere
 
 InjectionOptions injectionOptions()
@@ -80,12 +81,11 @@ Result<const RemoteModule*> libcOf(const RemoteProcess& process)
 }
 
 /// Calls dlopen(3), or what stands for it in older C libraries.
-Status load(BorrowedThread& thread, const std::string& path)
+Status callLoader(BorrowedThread& thread, const std::string& path, uint64_t mode)
 {
     constexpr uint64_t kInternalMode = 0x80000000; // __RTLD_DLOPEN, that __libc_dlopen_mode expects
     RemoteProcess& process = thread.process();
     ASSIGN_OR_RETURN(const RemoteModule* libc, libcOf(process));
-    uint64_t mode = RTLD_NOW | RTLD_LOCAL;
     auto function = process.function(*libc, "dlopen");
     if (!function.ok()) {
         function = process.function(*libc, "__libc_dlopen_mode");
@@ -94,8 +94,23 @@ Status load(BorrowedThread& thread, const std::string& path)
     RETURN_IF_ERROR(function.status());
     RETURN_IF_ERROR(process.write(thread.scratch(), path.c_str(), path.size() + 1));
     RETURN_IF_ERROR(thread.call(function.value(), {thread.scratch(), mode}));
-    RETURN_IF_ERROR(process.refresh());
-    if (findJournal(process))
+    return process.refresh();
+}
+
+Status load(BorrowedThread& thread, const std::string& directory)
+{
+    if (const RemoteModule* journal = findJournal(thread.process())) {
+        // Another thread may be loading it still, for a recorder that was killed: the loader lets us in when it is
+        // done.
+        std::string path = journal->path;
+        path.resize(path.rfind('/') + 1);
+        path += kLibrary;
+        return path.size() < BorrowedThread::kScratchBytes ? callLoader(thread, path, RTLD_NOW | RTLD_NOLOAD)
+                                                           : Status();
+    }
+    ASSIGN_OR_RETURN(const std::string path, pathFor(directory, thread));
+    RETURN_IF_ERROR(callLoader(thread, path, RTLD_NOW | RTLD_LOCAL));
+    if (findJournal(thread.process()))
         return {};
     return Status(Code::kSystem,
                   subject(thread) + " cannot load the journal: its loader refused " + path
@@ -131,6 +146,18 @@ private:
     std::vector<std::byte> _bytes;
 };
 
+/// The thread was taken out of its call, which so will not end: what it had begun must not keep others waiting.
+void endWorkOf(const RemoteProcess& process, uint64_t request)
+{
+    journal::AttachRequest left{};
+    uint32_t worker = 0;
+    if (!process.read(request, &left, sizeof left).ok() || left.answered != 0 || left.workPlace == 0
+        || !process.read(left.workPlace, &worker, sizeof worker).ok() || worker != left.worker)
+        return;
+    worker = 0;
+    (void)process.write(left.workPlace, &worker, sizeof worker); // gone is fine
+}
+
 Status callJournal(BorrowedThread& thread, const char* function, journal::AttachRequest& request)
 {
     RemoteProcess& process = thread.process();
@@ -140,8 +167,12 @@ Status callJournal(BorrowedThread& thread, const char* function, journal::Attach
     if (!address.ok())
         return Status(Code::kUnsupported, subject(thread) + " has another version of the journal loaded");
     request.answered = 0;
+    request.workPlace = 0;
     RETURN_IF_ERROR(process.write(thread.scratch(), &request, sizeof request));
-    RETURN_IF_ERROR(thread.call(address.value(), {thread.scratch()}));
+    const Status called = thread.call(address.value(), {thread.scratch()});
+    if (!called.ok() && !thread.goesOn())
+        endWorkOf(process, thread.scratch());
+    RETURN_IF_ERROR(called);
     RETURN_IF_ERROR(process.read(thread.scratch(), &request, sizeof request));
     return request.answered == 1 ? Status() : Status(Code::kCorrupt, "the journal gave no answer");
 }
@@ -157,6 +188,8 @@ std::string reasonOf(int32_t result)
         return "calls no allocator that can be redirected: its own is linked into it";
     case journal::kJournalStraying:
         return "has a thread that stands still within a record; try again";
+    case journal::kJournalAtWork:
+        return "has not finished what an earlier recorder began; try again";
     default:
         return "cannot map the journal's memory";
     }
@@ -174,12 +207,18 @@ Result<std::unique_ptr<JournalReader>> takeMemory(BorrowedThread& thread, int de
 
 Code codeOf(int32_t result)
 {
-    return result == journal::kJournalBusy    ? Code::kExists
-        : result == journal::kJournalStraying ? Code::kCancelled
-                                              : Code::kUnsupported;
+    switch (result) {
+    case journal::kJournalBusy:
+        return Code::kExists;
+    case journal::kJournalStraying:
+    case journal::kJournalAtWork:
+        return Code::kCancelled;
+    default:
+        return Code::kUnsupported;
+    }
 }
 
-/// A thread within a record is soon out of it, once it is given a processor.
+/// A thread within a record, or at work for another, is soon out of it, once it is given a processor.
 Status untilNobodyStrays(const std::function<Status()>& attempt)
 {
     Status status = attempt();
@@ -194,6 +233,8 @@ Status untilNobodyStrays(const std::function<Status()>& attempt)
 Result<std::unique_ptr<JournalReader>> makeMemory(BorrowedThread& thread, journal::AttachRequest& request)
 {
     RETURN_IF_ERROR(callJournal(thread, "vntJournalMemory", request));
+    if (request.result < -kLargestErrno)
+        return Status(codeOf(request.result), subject(thread) + " " + reasonOf(request.result));
     if (request.result < 0)
         return Status::fromErrno(-request.result, subject(thread) + " cannot make memory");
     request.descriptor = request.result;
@@ -205,30 +246,15 @@ Result<std::unique_ptr<JournalReader>> makeMemory(BorrowedThread& thread, journa
     return reader;
 }
 
-Status attachOn(BorrowedThread& thread, const JournalInjection::Options& options, JournalAttachment& attachment)
+Status attachOn(BorrowedThread& thread, const std::string& directory, journal::AttachRequest& request,
+                JournalAttachment& attachment)
 {
     SavedErrno saved(thread);
-    if (!findJournal(thread.process())) {
-        ASSIGN_OR_RETURN(const std::string path, pathFor(options.directory, thread));
-        RETURN_IF_ERROR(load(thread, path));
-    }
-    journal::AttachRequest request{};
-    request.magic = journal::kMagic;
-    request.version = journal::kVersion;
-    request.eventsMask = options.eventsMask;
-    request.flags = options.flags;
-    for (int attempt = 0;; ++attempt) {
-        ASSIGN_OR_RETURN(attachment.reader, makeMemory(thread, request));
-        saved.restore(request.errorPlace); // the journal itself leaves it alone
-        attachment.timeNs = sys::monotonicNs();
-        RETURN_IF_ERROR(callJournal(thread, "vntJournalAttach", request));
-        if (request.result != journal::kJournalBusy || attempt > 0)
-            break;
-        // A collector that was killed left it so; one that lives has moved on when we look again.
-        request.deadBeat = request.beat;
-        request.flags |= journal::kTakeOver;
-        std::this_thread::sleep_for(kDeadAfter);
-    }
+    RETURN_IF_ERROR(load(thread, directory));
+    ASSIGN_OR_RETURN(attachment.reader, makeMemory(thread, request));
+    saved.restore(request.errorPlace); // the journal itself leaves it alone
+    attachment.timeNs = sys::monotonicNs();
+    RETURN_IF_ERROR(callJournal(thread, "vntJournalAttach", request));
     if (request.result < 0)
         return Status(codeOf(request.result), subject(thread) + " " + reasonOf(request.result));
     attachment.is32Bit = thread.is32Bit();
@@ -253,14 +279,27 @@ Status callInside(pid_t pid, const char* function)
 Result<JournalAttachment> JournalInjection::attach(pid_t pid) const
 {
     JournalAttachment attachment;
-    RETURN_IF_ERROR(untilNobodyStrays([&] {
-        return injectInto(pid, injectionOptions(),
-                          [&](BorrowedThread& thread) { return attachOn(thread, _options, attachment); });
-    }));
+    journal::AttachRequest request{};
+    const auto attempt = [&] {
+        request.magic = journal::kMagic;
+        request.version = journal::kVersion;
+        request.eventsMask = _options.eventsMask;
+        return injectInto(pid, injectionOptions(), [&](BorrowedThread& thread) {
+            return attachOn(thread, _options.directory, request, attachment);
+        });
+    };
+    request.flags = _options.flags;
+    Status status = untilNobodyStrays(attempt);
+    if (status.code() == Code::kExists) {
+        // A collector that was killed left it so; one that lives has moved on when we look again.
+        request.deadBeat = request.beat;
+        request.flags |= journal::kTakeOver;
+        std::this_thread::sleep_for(kDeadAfter);
+        status = untilNobodyStrays(attempt);
+    }
+    RETURN_IF_ERROR(status);
     return attachment;
 }
-
-Status JournalInjection::extend(pid_t pid) { return callInside(pid, "vntJournalExtend"); }
 
 Status JournalInjection::detach(pid_t pid)
 {

@@ -30,8 +30,6 @@ public:
     explicit JournalInjection(Options options) : _options(std::move(options)) { }
 
     Result<JournalAttachment> attach(pid_t pid) const;
-    /// Modules that were loaded since call the journal, too.
-    static Status extend(pid_t pid);
     /// Modules call what they called before, the journal's memory is given back; the library stays mapped.
     static Status detach(pid_t pid);
 

@@ -44,6 +44,8 @@ public:
     /// Calls a function that may take locks and wait; its answer is lost. At most three arguments. Errors: kTimedOut:
     /// a lock was not free in time and the call was given up, or it goes on by itself; kSystem: it crashed.
     Status call(uint64_t function, const std::vector<uint64_t>& arguments);
+    /// After a call that failed: it goes on without us.
+    [[nodiscard]] bool goesOn() const { return _goesOn; }
     /// Memory for what the functions read and write, kScratchBytes; valid until giveBack().
     [[nodiscard]] uint64_t scratch() const { return _scratch; }
     static constexpr uint64_t kScratchBytes = 8192;

@@ -52,6 +52,7 @@ public:
 private:
     Status look();
     Status findLibc();
+    void findSignalReturns();
     void classify();
     [[nodiscard]] std::vector<pid_t> candidates() const;
     std::optional<Status> tryThread(pid_t tid, const std::function<Status(BorrowedThread&)>& work);
@@ -67,6 +68,7 @@ private:
     const InjectionOptions& _options;
     RemoteProcess _process;
     SignalReturn _code;
+    std::vector<uint64_t> _signalReturns; ///< of handlers: the same, and the kernel's own for 32-bit programs
     bool _is32Bit = false;
     std::map<uint64_t, CodeOwner> _owners; ///< by the module's base; absent: the program's own
     const char* _why = "it has no thread";
@@ -84,10 +86,25 @@ Status Search::findLibc()
         const std::string_view bytes = _is32Bit ? kReturn32 : kReturn64;
         _code.begin = _process.findCode(module, bytes);
         _code.end = _code.begin + bytes.size();
-        if (_code.begin != 0)
+        if (_code.begin != 0) {
+            findSignalReturns();
             return {};
+        }
     }
     return Status(Code::kUnsupported, subject(_pid) + " does not use the GNU C library");
+}
+
+void Search::findSignalReturns()
+{
+    _signalReturns = {_code.begin};
+    for (const RemoteModule& module : _process.modules()) {
+        if (module.path != "[vdso]")
+            continue;
+        for (const char* name : {"__kernel_sigreturn", "__kernel_rt_sigreturn"}) { // vdso(7)
+            if (const auto address = _process.function(module, name); address.ok())
+                _signalReturns.push_back(address.value());
+        }
+    }
 }
 
 Status Search::look()
@@ -101,10 +118,6 @@ Status Search::look()
     }
     if (found.code() == Code::kDenied)
         return refusal(found);
-    // One that is interrupted by the tracer's death has ended such a program in a test.
-    if (found.ok() && _is32Bit)
-        return Status(Code::kUnsupported,
-                      subject(_pid) + " is a 32-bit program, which can be recorded only where it is launched");
     return found;
 }
 
@@ -202,7 +215,7 @@ bool Search::isSafe(TracedThread& thread, user_regs_struct& registers)
     stopped.instruction = registers.rip;
     stopped.systemCall = static_cast<int64_t>(registers.orig_rax);
     stopped.secondArgument = _is32Bit ? registers.rcx : registers.rsi;
-    stopped.signalReturn = _code.begin;
+    stopped.signalReturns = _signalReturns;
     stopped.inRestartableSequence = thread.inRestartableSequence();
     const std::vector<uint64_t> stack = stackOf(registers);
     stopped.stack = stack;

@@ -63,8 +63,9 @@ const char* whyUnsafe(const StoppedThread& thread, const std::function<CodeOwner
     if (thread.inRestartableSequence)
         return "it is in a restartable sequence";
     // A handler may have interrupted anything.
-    if (thread.signalReturn != 0
-        && std::find(thread.stack.begin(), thread.stack.end(), thread.signalReturn) != thread.stack.end())
+    if (std::find_first_of(thread.stack.begin(), thread.stack.end(), thread.signalReturns.begin(),
+                           thread.signalReturns.end())
+        != thread.stack.end())
         return "it handles a signal";
     CodeOwner owner = ownerOf(thread.instruction);
     if (owner == CodeOwner::kKernel && thread.is32Bit && thread.stack.size() > kWordsInVsyscall)

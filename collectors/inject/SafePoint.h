@@ -21,7 +21,7 @@ struct StoppedThread {
     int64_t systemCall = -1; ///< that it was stopped in; -1: none
     uint64_t secondArgument = 0; ///< of that system call
     std::span<const uint64_t> stack; ///< words from the stack pointer on
-    uint64_t signalReturn = 0; ///< address of the code that ends a signal handler; 0: unknown
+    std::span<const uint64_t> signalReturns; ///< addresses of the codes that end signal handlers
     bool inRestartableSequence = false;
 };
 

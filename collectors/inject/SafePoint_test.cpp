@@ -57,7 +57,7 @@ TEST(SafePoint, TellsWhereAFunctionMayBeCalled)
         thread.systemCall = row.systemCall;
         thread.secondArgument = row.secondArgument;
         thread.stack = row.stack;
-        thread.signalReturn = kSignalReturn;
+        thread.signalReturns = std::span(&kSignalReturn, 1);
         thread.inRestartableSequence = row.inSequence;
         const char* why = whyUnsafe(thread, ownerOf);
         EXPECT_EQ(why == nullptr, row.safe) << row.what << ": " << (why ? why : "safe");

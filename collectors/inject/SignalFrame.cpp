@@ -4,6 +4,7 @@
 #include <errno.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 
 namespace vnt {
@@ -15,6 +16,7 @@ constexpr uint64_t kRestartCall64 = 219, kRestartCall32 = 0; // restart_syscall(
 constexpr uint64_t kHasExtendedState = 1, kHasStackSegment = 2, kStrictStackSegment = 4; // UC_*, <asm/ucontext.h>
 /// No such mode: the kernel leaves the thread's alternative stack as it is (sigaltstack(2) fails, which is ignored).
 constexpr int32_t kNoAlternativeStack = 3;
+constexpr size_t kFixedBytes = 512; // of the extended state: what fxsave stores (struct _fpstate_64)
 constexpr size_t kSoftwareBytes = 464; // struct _fpx_sw_bytes within struct _fpstate, <asm/sigcontext.h>
 constexpr size_t kSystemCallBytes = 2; // `syscall` and `int 0x80`
 constexpr uint64_t kPrivateBytes = 512; // room for what follows the area of the processor's state
@@ -120,6 +122,66 @@ void fillContext(sigcontext_32& context, const user_regs_struct& registers)
     context.ss = static_cast<uint16_t>(registers.ss);
 }
 
+/// The processor's extended state as the kernel lays it onto a stack; `area` begins with it.
+void layExtendedState(const std::vector<std::byte>& state, std::byte* area)
+{
+    std::memcpy(area, state.data(), state.size());
+    if (state.size() > kSoftwareBytes + sizeof(_fpx_sw_bytes)) {
+        uint64_t features = 0; // the regset has them where the frame has more (PTRACE_GETREGSET)
+        std::memcpy(&features, area + kSoftwareBytes, sizeof features);
+        _fpx_sw_bytes described{};
+        described.magic1 = FP_XSTATE_MAGIC1;
+        described.extended_size = static_cast<uint32_t>(state.size() + FP_XSTATE_MAGIC2_SIZE);
+        described.xfeatures = features;
+        described.xstate_size = static_cast<uint32_t>(state.size());
+        std::memcpy(area + kSoftwareBytes, &described, sizeof described);
+    }
+    const uint32_t magic = FP_XSTATE_MAGIC2;
+    std::memcpy(area + state.size(), &magic, sizeof magic);
+}
+
+/// What a 32-bit frame has in front of it: the older processors' form of the same (struct _fpstate_32,
+/// <asm/sigcontext.h>).
+struct OldFloatingPoint {
+    uint32_t control, status, tags, instruction, codeSegment, operand, dataSegment;
+    std::array<std::byte, 80> registers; ///< ten bytes each
+    uint16_t oldStatus;
+    uint16_t magic;
+};
+static_assert(sizeof(OldFloatingPoint) == 112);
+
+OldFloatingPoint oldFloatingPoint(const std::vector<std::byte>& state)
+{
+    struct {
+        uint16_t control, status;
+        uint8_t used; ///< a bit for each register that holds something
+        uint8_t reserved;
+        uint16_t operation;
+        uint32_t instruction, codeSegment, operand, dataSegment, vectorControl, vectorMask;
+        std::array<std::array<std::byte, 16>, 8> registers;
+    } fixed; // fxsave
+    static_assert(sizeof fixed == 160);
+    std::memcpy(&fixed, state.data(), sizeof fixed);
+    constexpr uint32_t kUnused = 0xffff0000; // as the processor sets what has no meaning
+    constexpr uint16_t kExtendedStateFollows = 0; // X86_FXSR_MAGIC
+    OldFloatingPoint old{};
+    old.control = kUnused | fixed.control;
+    old.status = kUnused | fixed.status;
+    old.tags = kUnused;
+    for (unsigned i = 0; i < fixed.registers.size(); ++i) {
+        if ((fixed.used & 1U << i) == 0)
+            old.tags |= 3U << 2 * i; // empty; other tags the processor finds by itself
+        std::memcpy(old.registers.data() + size_t{10} * i, fixed.registers[i].data(), 10);
+    }
+    old.instruction = fixed.instruction;
+    old.codeSegment = (fixed.codeSegment & 0xffff) | uint32_t{fixed.operation} << 16;
+    old.operand = fixed.operand;
+    old.dataSegment = kUnused | fixed.dataSegment;
+    old.oldStatus = fixed.status;
+    old.magic = kExtendedStateFollows;
+    return old;
+}
+
 SignalFrame makeFrame64(const SavedThread& thread, uint64_t top, uint64_t signalReturn)
 {
     const std::vector<std::byte>& state = thread.extendedState;
@@ -137,36 +199,35 @@ SignalFrame makeFrame64(const SavedThread& thread, uint64_t top, uint64_t signal
     made.address = made.stackPointer = frameAt;
     made.bytes.resize(stateAt - frameAt + state.size() + FP_XSTATE_MAGIC2_SIZE);
     std::memcpy(made.bytes.data(), &frame, sizeof frame);
-    std::byte* copy = made.bytes.data() + (stateAt - frameAt);
-    std::memcpy(copy, state.data(), state.size());
-    if (state.size() > kSoftwareBytes + sizeof(_fpx_sw_bytes)) {
-        uint64_t features = 0; // the regset has them where the frame has more (PTRACE_GETREGSET)
-        std::memcpy(&features, copy + kSoftwareBytes, sizeof features);
-        _fpx_sw_bytes described{};
-        described.magic1 = FP_XSTATE_MAGIC1;
-        described.extended_size = static_cast<uint32_t>(state.size() + FP_XSTATE_MAGIC2_SIZE);
-        described.xfeatures = features;
-        described.xstate_size = static_cast<uint32_t>(state.size());
-        std::memcpy(copy + kSoftwareBytes, &described, sizeof described);
-    }
-    const uint32_t magic = FP_XSTATE_MAGIC2;
-    std::memcpy(copy + state.size(), &magic, sizeof magic);
+    layExtendedState(state, made.bytes.data() + (stateAt - frameAt));
     return made;
 }
 
 SignalFrame makeFrame32(const SavedThread& thread, uint64_t top, uint64_t signalReturn,
                         const std::vector<uint64_t>& arguments)
 {
+    const std::vector<std::byte>& state = thread.extendedState;
+    const uint64_t stateAt = (top - state.size() - kPrivateBytes) & ~uint64_t{63};
+    const uint64_t oldAt = stateAt - sizeof(OldFloatingPoint);
+    const uint64_t frameAt = ((oldAt - sizeof(Frame32)) & ~uint64_t{15}) - 4;
     Frame32 frame{};
     frame.returnAddress = static_cast<uint32_t>(signalReturn);
     for (size_t i = 0; i < std::min<size_t>(arguments.size(), 3); ++i)
         frame.arguments[i] = static_cast<uint32_t>(arguments[i]);
+    frame.flags = kHasExtendedState;
     frame.stackMode = kNoAlternativeStack;
     fillContext(frame.context, restarted(thread));
     std::memcpy(frame.signalMask, &thread.signalMask, sizeof frame.signalMask);
+
     SignalFrame made;
-    made.address = made.stackPointer = ((top - sizeof frame) & ~uint64_t{15}) - 4;
-    made.bytes.resize(sizeof frame);
+    made.address = made.stackPointer = frameAt;
+    made.bytes.resize(stateAt - frameAt + state.size() + FP_XSTATE_MAGIC2_SIZE);
+    if (state.size() >= kFixedBytes) {
+        frame.context.fpstate = static_cast<uint32_t>(oldAt);
+        const OldFloatingPoint old = oldFloatingPoint(state);
+        std::memcpy(made.bytes.data() + (oldAt - frameAt), &old, sizeof old);
+        layExtendedState(state, made.bytes.data() + (stateAt - frameAt));
+    }
     std::memcpy(made.bytes.data(), &frame, sizeof frame);
     return made;
 }

@@ -28,8 +28,7 @@ struct SignalFrame {
 };
 
 /// `top`: where the stack ends; `arguments` are put on a 32-bit thread's stack. A wait in the kernel that the thread
-/// was interrupted in is begun anew where that is possible, else it fails with EINTR. A 32-bit thread's floating-point
-/// registers come back cleared.
+/// was interrupted in is begun anew where that is possible, else it fails with EINTR.
 SignalFrame makeSignalFrame(const SavedThread& thread, uint64_t top, uint64_t signalReturn,
                             const std::vector<uint64_t>& arguments);
 
