@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "platform/base/Mapping.h"
@@ -25,6 +26,17 @@ public:
     /// of written() gave.
     template <typename OnRecord> Status drain(OnRecord&& onRecord, uint64_t until = UINT64_MAX);
 
+    struct Record {
+        perf_event_header header{};
+        std::span<const std::byte> payload;
+    };
+    /// drain() in its parts, for who reads several rings at once: of the records that are complete at beginRound(),
+    /// front() is the oldest that was not taken. It is null behind the last one, and when the ring turned out dead.
+    void beginRound(uint64_t until = UINT64_MAX);
+    const Record* front();
+    void take();
+    void endRound();
+
     /// Position behind the last record that is complete now; grows without wrapping.
     [[nodiscard]] uint64_t written() const
     {
@@ -43,6 +55,7 @@ private:
     {
     }
 
+    bool readFront();
     perf_event_mmap_page& page() const { return *static_cast<perf_event_mmap_page*>(_mapping.address()); }
     void copyOut(uint64_t offset, void* to, size_t size) const
     {
@@ -57,42 +70,52 @@ private:
     size_t _mask; ///< the size is a power of two
     bool _dead = false;
     std::vector<uint64_t> _joined; ///< a record that passes the end of the ring, put together
+    // Of the round: positions of the next record, up to which it reads, and up to which room was given back.
+    uint64_t _tail = 0;
+    uint64_t _head = 0;
+    uint64_t _published = 0;
+    Record _front;
+    bool _hasFront = false;
+    std::string _fault;
 };
 
 template <typename OnRecord> Status RingReader::drain(OnRecord&& onRecord, uint64_t until)
 {
-    if (_dead)
-        return Status(Code::kCorrupt, "perf ring is dead");
-    uint64_t tail = page().data_tail; // only we write it
-    const uint64_t head = std::min(written(), std::max(until, tail));
-    uint64_t published = tail;
-    while (tail != head) {
-        perf_event_header header;
-        if (head - tail < sizeof header || head - tail > dataBytes()) {
-            _dead = true;
-            return Status(Code::kCorrupt, "perf ring: positions contradict each other");
-        }
-        copyOut(tail, &header, sizeof header);
-        if (header.size < sizeof header || header.size > head - tail) {
-            _dead = true;
-            return Status(Code::kCorrupt, "perf ring: record of " + std::to_string(header.size) + " bytes");
-        }
-        const size_t begin = static_cast<size_t>(tail) & _mask;
-        const std::byte* record = _data + begin;
-        if (begin + header.size > dataBytes()) {
-            _joined.resize((header.size + 7u) / 8u);
-            copyOut(tail, _joined.data(), header.size);
-            record = reinterpret_cast<const std::byte*>(_joined.data());
-        }
-        onRecord(header, std::span(record + sizeof header, header.size - sizeof header));
-        tail += header.size;
-        if (tail - published > dataBytes() / 16) {
-            __atomic_store_n(&page().data_tail, tail, __ATOMIC_RELEASE); // release; our reads come before the reuse
-            published = tail;
-        }
+    beginRound(until);
+    while (const Record* record = front()) {
+        onRecord(record->header, record->payload);
+        take();
     }
-    __atomic_store_n(&page().data_tail, tail, __ATOMIC_RELEASE); // as above
-    return {};
+    endRound();
+    return _dead ? Status(Code::kCorrupt, "perf ring: " + _fault) : Status();
+}
+
+inline void RingReader::beginRound(uint64_t until)
+{
+    _tail = _published = page().data_tail; // only we write it
+    _head = _dead ? _tail : std::min(written(), std::max(until, _tail));
+    _hasFront = false;
+}
+
+inline const RingReader::Record* RingReader::front()
+{
+    return _hasFront || (_tail != _head && readFront()) ? &_front : nullptr;
+}
+
+inline void RingReader::take()
+{
+    _tail += _front.header.size;
+    _hasFront = false;
+    if (_tail - _published > dataBytes() / 16)
+        endRound();
+}
+
+inline void RingReader::endRound()
+{
+    if (_dead)
+        return; // it stays as it is
+    __atomic_store_n(&page().data_tail, _tail, __ATOMIC_RELEASE); // release; our reads come before the reuse
+    _published = _tail;
 }
 
 } // namespace vnt

@@ -1,4 +1,5 @@
 #include "collectors/common/RingReader.h"
+#include "collectors/common/drainInOrder.h"
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -50,7 +51,16 @@ public:
         });
         return text;
     }
+    void timed(uint64_t timeNs)
+    {
+        const struct {
+            perf_event_header header;
+            uint64_t timeNs;
+        } record{{1, 0, 16}, timeNs};
+        put(&record, sizeof record);
+    }
     perf_event_mmap_page& page() { return *_page; }
+    RingReader& reader() { return *_reader; }
 
 private:
     std::unique_ptr<RingReader> _reader;
@@ -113,6 +123,47 @@ TEST(RingReader, DropsTheRingOnAnImpossibleRecord)
     overrun.page().data_head = kRingBytes + 8;
     overrun.drain(status);
     EXPECT_EQ(status.code(), Code::kCorrupt) << "more written than there is room for";
+}
+
+TEST(RingReader, SeveralAreReadInTheOrderOfTime)
+{
+    WrittenRing first(kRingBytes - 24);
+    WrittenRing second(0);
+    WrittenRing third(0);
+    WrittenRing broken(0);
+    for (const uint64_t timeNs : {10, 11, 40, 41, 60})
+        first.timed(timeNs);
+    for (const uint64_t timeNs : {20, 0, 5, 30, 90, 50}) // 0: with its predecessor; 5 and 50 are told late
+        second.timed(timeNs);
+    broken.timed(15);
+    broken.page().data_head += 3;
+    RingReader* const rings[] = {&first.reader(), &second.reader(), &third.reader(), &broken.reader()};
+    int dead = 0;
+    const auto read = [&](uint64_t untilNs) {
+        std::string text;
+        const auto timeOf = [](const RingReader::Record& record) {
+            uint64_t timeNs = 0;
+            std::memcpy(&timeNs, record.payload.data(), sizeof timeNs);
+            return timeNs;
+        };
+        drainInOrder(
+            rings, untilNs, timeOf,
+            [&](const perf_event_header& header, std::span<const std::byte> payload) {
+                text += std::to_string(timeOf({header, payload})) + " ";
+            },
+            [&] { ++dead; });
+        return text;
+    };
+    EXPECT_EQ(read(9), "");
+    EXPECT_EQ(read(45), "10 11 15 20 0 5 30 40 41 ");
+    EXPECT_EQ(dead, 1);
+    third.timed(46);
+    EXPECT_EQ(read(89), "46 60 ") << "a record stays behind those before it in its ring";
+    EXPECT_EQ(read(UINT64_MAX), "90 50 ");
+    EXPECT_EQ(read(UINT64_MAX), "");
+    EXPECT_EQ(dead, 1) << "told once";
+    EXPECT_EQ(first.page().data_tail, first.page().data_head);
+    EXPECT_EQ(second.page().data_tail, second.page().data_head);
 }
 
 } // namespace

@@ -283,6 +283,24 @@ Status EventSet::openNewGeneration(const OnRecord& onRecord)
     return followNewThreads(onRecord);
 }
 
+/// For drainInOrder().
+uint64_t EventSet::timeInOrder(const RingReader::Record& record, uint64_t nowNs) const
+{
+    constexpr uint64_t kSoonNs = 1'000'000'000; // the time that a record of the round's own time may lie ahead
+    constexpr size_t kTimeFromEnd = 16; // sample_id of kSampleType ends with the time and the identifier
+    ByteCursor cursor(record.payload);
+    if (record.header.type == PERF_RECORD_SAMPLE) {
+        const auto event = cursor.little<uint64_t>();
+        cursor.little<uint64_t>(); // process and thread
+        if (_clockEvents.count(event) == 0)
+            return 0; // may have the time of another recorder's clock: SampleAssembler::onSample()
+    } else {
+        cursor = ByteCursor(record.payload.last(std::min(record.payload.size(), kTimeFromEnd)));
+    }
+    const auto timeNs = cursor.little<uint64_t>();
+    return timeNs < nowNs + kSoonNs ? timeNs : 0; // must not hold the ring up
+}
+
 /// Of samples that the old and the new events took at the same time, the old ones' count, until the new ones took over.
 bool EventSet::isDoubled(const perf_event_header& header, std::span<const std::byte> payload) const
 {

@@ -11,9 +11,11 @@
 #include <vector>
 
 #include "collectors/common/RingReader.h"
+#include "collectors/common/drainInOrder.h"
 #include "collectors/common/perf.h"
 #include "collectors/stacks/FamilyFilter.h"
 #include "collectors/stacks/SamplerPlan.h"
+#include "platform/base/sys.h"
 
 namespace vnt {
 
@@ -33,17 +35,20 @@ public:
     /// arrive meanwhile go to `onRecord`. Call once after enable().
     Status followNewThreads(const OnRecord& onRecord);
 
-    /// Passes on what the rings hold. `onDead` is called once for a ring that became unreadable.
+    /// Passes on what the rings hold up to now, in the order of time. `onDead` is called once for a ring that became
+    /// unreadable.
     template <typename OnEach, typename OnDead> void drain(OnEach&& onEach, OnDead&& onDead)
     {
+        const uint64_t nowNs = sys::monotonicNs();
+        const auto timeOf = [&](const RingReader::Record& record) { return timeInOrder(record, nowNs); };
         const auto onOne = [&](const perf_event_header& header, std::span<const std::byte> payload) {
             if (_retiring.empty() || !isDoubled(header, payload))
                 onEach(header, payload);
         };
-        for (Processor& processor : _processors) {
-            if (!processor.ring->dead() && !processor.ring->drain(onOne).ok())
-                onDead();
-        }
+        std::vector<RingReader*> rings;
+        for (const Processor& processor : _processors)
+            rings.push_back(processor.ring.get());
+        drainInOrder(rings, nowNs, timeOf, onOne, onDead);
     }
     /// From now on samples bring so much of the stack: opens events anew and then closes those before, without a sample
     /// lost or doubled. Records that arrive meanwhile go to `onRecord`. After an error the events are as before.
@@ -83,6 +88,7 @@ private:
     Status tryOpenThread(pid_t tid, Events& events);
     Status openEvents(const Processor& processor, pid_t tid, Events& events);
     Status openNewGeneration(const OnRecord& onRecord);
+    uint64_t timeInOrder(const RingReader::Record& record, uint64_t nowNs) const;
     bool isDoubled(const perf_event_header& header, std::span<const std::byte> payload) const;
     Status openThreads(bool& any);
     Status explained(const Status& refusal, perf::Purpose purpose) const;
