@@ -84,6 +84,10 @@ int main(int argc, char** argv)
     }
     ProcessReader reader;
     const auto pids = reader.processes();
+    // What the kernel makes at the first look at a file of a process, the bound does not pay either: it is the best of
+    // five.
+    for (const pid_t pid : pids.value())
+        (void)reader.look(pid);
     const double oneFile = boundMs(pids.value(), {"stat"});
     const double fourFiles = boundMs(pids.value(), {"stat", "status", "io", "statm"});
 
