@@ -8,6 +8,7 @@ namespace {
 
 constexpr uint64_t kBytesPerSecond = 100'000'000;
 constexpr uint64_t kEnough = 32; // samples, to tell a need from chance
+constexpr uint64_t kFewCut = 4; // of less than those: no chance either
 constexpr uint64_t kMostToShrink = 1u << 20;
 constexpr uint64_t kOftenCut = 100; // one stack of so many
 constexpr uint64_t kRarelyCut = 200;
@@ -19,7 +20,7 @@ DumpSize::DumpSize(uint64_t intervalNs, size_t ringBytes) : _samplesToShrink(kEn
     while (_largest + 1 < kSizeCount && kSizes[_largest + 1] * uint64_t{1'000'000'000} / intervalNs <= kBytesPerSecond
            && kSizes[_largest + 1] <= ringBytes / 16)
         ++_largest;
-    const auto* usual = std::find(kSizes, kSizes + kSizeCount, 8192u);
+    const auto* usual = std::find(kSizes, kSizes + kSizeCount, kUsual);
     _index = std::min(_largest, static_cast<size_t>(usual - kSizes));
 }
 
@@ -40,8 +41,9 @@ void DumpSize::noteCut(size_t dumpBytes)
 
 bool DumpSize::review()
 {
-    if (_samples < kEnough)
+    if (_samples < kEnough && _cut < kFewCut)
         return false;
+    _isKnown = _isKnown || _samples >= kEnough;
     if (_cut * kOftenCut > _samples) {
         if (_index == _largest) {
             startOver();

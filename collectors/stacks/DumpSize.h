@@ -11,6 +11,7 @@ namespace vnt {
 class DumpSize {
 public:
     static constexpr uint32_t kSizes[] = {512, 2048, 8192, 32768}; ///< multiples of 8; perf_event_open(2) takes 65528
+    static constexpr uint32_t kUsual = 8192; ///< to begin with
     static constexpr size_t kSizeCount = sizeof kSizes / sizeof *kSizes;
 
     /// Limits: what a ring of `ringBytes` holds, and copying at most 100 MB a second on a busy processor.
@@ -23,10 +24,13 @@ public:
     void noteCut(size_t dumpBytes);
     /// True when bytes() has changed.
     bool review();
+    /// The need is known: there was a review of enough samples.
+    [[nodiscard]] bool isKnown() const { return _isKnown; }
 
 private:
     void startOver();
 
+    bool _isKnown = false;
     size_t _index = 0;
     size_t _largest = 0;
     uint64_t _needs[kSizeCount + 1] = {}; ///< by the smallest size that does

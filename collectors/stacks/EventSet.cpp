@@ -18,6 +18,7 @@ namespace vnt {
 namespace {
 
 constexpr size_t kSmallestRing = 32u << 10; // below, one burst of mapping records overflows it
+constexpr size_t kTimeFromEnd = 16; // sample_id of kSampleType ends with the time and the identifier
 constexpr int kMostPasses = 100; // over the thread list; two or three find all of them
 
 /// Events on threads take threads times processors descriptors: the soft limit gives way to the hard one.
@@ -84,7 +85,7 @@ Status EventSet::tryOpen(Placement placement)
     if (placement == Placement::kProcessors && !_options.allProcesses && _options.pid > 0) {
         ASSIGN_OR_RETURN(_filter, FamilyFilter::create(_options.pid, _options.traceFiles));
     }
-    RETURN_IF_ERROR(openRings());
+    ASSIGN_OR_RETURN(_processors, openRings(firstRingBytes(_options, _offer), kSmallestRing));
     if (wantsDumps(_options) && !_processors.empty())
         _offer.dumpBytes = DumpSize(_options.intervalNs, ringBytes()).bytes();
     if (placement == Placement::kProcessors)
@@ -95,10 +96,11 @@ Status EventSet::tryOpen(Placement placement)
 }
 
 /// All of the same size, the largest that the memory-lock limit allows.
-Status EventSet::openRings()
+Result<std::vector<EventSet::Processor>> EventSet::openRings(size_t bytes, size_t smallestBytes)
 {
     ASSIGN_OR_RETURN(const std::vector<int> cpus, perf::onlineProcessors());
-    for (size_t bytes = vnt::ringBytes(_options);; bytes /= 2) {
+    for (;; bytes /= 2) {
+        std::vector<Processor> processors;
         bool noMemory = false;
         Status status;
         for (size_t i = 0; i < cpus.size() && status.ok(); ++i) {
@@ -106,13 +108,14 @@ Status EventSet::openRings()
             processor.cpu = cpus[i];
             status = openRing(processor, bytes, noMemory);
             if (status.ok())
-                _processors.push_back(std::move(processor));
+                processors.push_back(std::move(processor));
             else if (status.errnoValue() == ENODEV)
                 status = Status(); // went offline meanwhile
         }
-        if (!noMemory || bytes <= kSmallestRing)
+        if (status.ok())
+            return processors;
+        if (!noMemory || bytes <= smallestBytes)
             return status;
-        _processors.clear();
     }
 }
 
@@ -137,6 +140,7 @@ Status EventSet::openRing(Processor& processor, size_t bytes, bool& noMemory)
         if (!mapping.ok())
             return explained(mapping.status(), perf::Purpose::kRing);
         ASSIGN_OR_RETURN(RingReader ring, RingReader::create(mapping.take()));
+        ASSIGN_OR_RETURN(processor.ringEventId, perf::eventId(event.value().get()));
         processor.ringEvent = event.take();
         processor.ring = std::make_unique<RingReader>(std::move(ring));
         return {};
@@ -253,27 +257,49 @@ Status EventSet::followNewThreads(const OnRecord& onRecord)
 }
 
 /// The new generation samples beside the old one until it covers everything; of what both saw, one is left out.
-Status EventSet::setDumpBytes(uint32_t bytes, const OnRecord& onRecord)
+Status EventSet::renew(uint32_t dumpBytes, size_t ringBytes, const OnRecord& onRecord)
 {
     const KernelOffer offerBefore = _offer;
+    const bool hasNewRings = openLargerRings(ringBytes);
+    if (!hasNewRings && dumpBytes == _offer.dumpBytes)
+        return {};
     Generation before = std::exchange(_events, Generation());
-    _offer.dumpBytes = bytes;
-    _retiring = std::move(before.ids);
+    _offer.dumpBytes = dumpBytes;
+    _retiring = before.ids;
+    for (const Processor& processor : _formerProcessors)
+        _retiring.insert(processor.ringEventId);
     _tookOverNs = UINT64_MAX;
     Status status = openNewGeneration(onRecord);
-    if (status.ok() && _offer.dumpBytes != bytes)
+    if (status.ok() && _offer.dumpBytes != dumpBytes)
         status = Status(Code::kUnsupported, "the kernel does not copy so much of a stack");
     if (status.ok()) {
         _tookOverNs = sys::monotonicNs();
     } else {
         std::swap(_events, before);
-        _events.ids = _retiring;
+        if (hasNewRings)
+            std::swap(_processors, _formerProcessors);
         _offer = offerBefore;
     }
     before = Generation();
     drain(onRecord, [] {});
+    _formerProcessors.clear();
     _retiring.clear();
+    _newRings.clear();
     return status;
+}
+
+/// True: they stand in the place of the others, which are the former ones now. Else all is as it was.
+bool EventSet::openLargerRings(size_t bytes)
+{
+    if (bytes <= ringBytes() || _offer.placement == Placement::kThreads)
+        return false;
+    auto larger = openRings(bytes, 2 * ringBytes());
+    if (!larger.ok())
+        return false;
+    _formerProcessors = std::exchange(_processors, larger.take());
+    for (const Processor& processor : _processors)
+        _newRings.insert(processor.ringEventId);
+    return true;
 }
 
 Status EventSet::openNewGeneration(const OnRecord& onRecord)
@@ -287,7 +313,6 @@ Status EventSet::openNewGeneration(const OnRecord& onRecord)
 uint64_t EventSet::timeInOrder(const RingReader::Record& record, uint64_t nowNs) const
 {
     constexpr uint64_t kSoonNs = 1'000'000'000; // the time that a record of the round's own time may lie ahead
-    constexpr size_t kTimeFromEnd = 16; // sample_id of kSampleType ends with the time and the identifier
     ByteCursor cursor(record.payload);
     if (record.header.type == PERF_RECORD_SAMPLE) {
         const auto event = cursor.little<uint64_t>();
@@ -301,19 +326,28 @@ uint64_t EventSet::timeInOrder(const RingReader::Record& record, uint64_t nowNs)
     return timeNs < nowNs + kSoonNs ? timeNs : 0; // must not hold the ring up
 }
 
-/// Of samples that the old and the new events took at the same time, the old ones' count, until the new ones took over.
+/// Of what the old and the new events told at the same time, the old ones' words count, until the new ones took over.
 bool EventSet::isDoubled(const perf_event_header& header, std::span<const std::byte> payload) const
 {
-    if (header.type != PERF_RECORD_SAMPLE)
+    if (header.type == PERF_RECORD_SAMPLE) {
+        ByteCursor cursor(payload); // kSampleType: identifier, thread, time
+        const auto event = cursor.little<uint64_t>();
+        if (_clockEvents.count(event) == 0)
+            return false; // of a thread that leaves a processor: a second one does no harm, and whose it is is not
+                          // certain
+        cursor.little<uint64_t>();
+        const auto timeNs = cursor.little<uint64_t>();
+        return (_retiring.count(event) != 0) != (timeNs < _tookOverNs);
+    }
+    // Of processes, rings' own events tell. Only where these are others now is anything told twice.
+    const bool isOfProcess = header.type == PERF_RECORD_MMAP2 || header.type == PERF_RECORD_COMM
+        || header.type == PERF_RECORD_FORK || header.type == PERF_RECORD_EXIT;
+    if (!isOfProcess || _newRings.empty())
         return false;
-    ByteCursor cursor(payload); // kSampleType: identifier, thread, time
-    const auto event = cursor.little<uint64_t>();
-    if (_clockEvents.count(event) == 0)
-        return false; // of a thread that leaves a processor: a second one does no harm, and whose it is is not certain
-    const bool isOld = _retiring.count(event) != 0;
-    cursor.little<uint64_t>();
+    ByteCursor cursor(payload.last(std::min(payload.size(), kTimeFromEnd)));
     const auto timeNs = cursor.little<uint64_t>();
-    return isOld != (timeNs < _tookOverNs);
+    const auto event = cursor.little<uint64_t>();
+    return (_newRings.count(event) == 0) != (timeNs < _tookOverNs);
 }
 
 template <typename Function> Status EventSet::forEachSampling(Function function)

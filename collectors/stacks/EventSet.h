@@ -46,13 +46,16 @@ public:
                 onEach(header, payload);
         };
         std::vector<RingReader*> rings;
-        for (const Processor& processor : _processors)
-            rings.push_back(processor.ring.get());
+        for (const auto* processors : {&_formerProcessors, &_processors}) {
+            for (const Processor& processor : *processors)
+                rings.push_back(processor.ring.get());
+        }
         drainInOrder(rings, nowNs, timeOf, onOne, onDead);
     }
-    /// From now on samples bring so much of the stack: opens events anew and then closes those before, without a sample
-    /// lost or doubled. Records that arrive meanwhile go to `onRecord`. After an error the events are as before.
-    Status setDumpBytes(uint32_t bytes, const OnRecord& onRecord);
+    /// From now on samples bring so much of the stack, into rings of at least so many bytes if these can be had: opens
+    /// events anew and then closes those before, without a sample lost or doubled. Records that arrive meanwhile go to
+    /// `onRecord`. After an error the events are as before.
+    Status renew(uint32_t dumpBytes, size_t ringBytes, const OnRecord& onRecord);
     /// For poll(2): readable when a quarter of a ring is full.
     void appendPollFds(std::vector<struct pollfd>& fds) const;
 
@@ -69,6 +72,7 @@ private:
     struct Processor {
         int cpu = 0;
         UniqueFd ringEvent; ///< owns the ring, never ends
+        uint64_t ringEventId = 0;
         std::unique_ptr<RingReader> ring;
     };
     using Events = std::vector<UniqueFd>; ///< one or two for each processor
@@ -81,8 +85,9 @@ private:
 
     explicit EventSet(const StackSamplerOptions& options) : _options(options) { }
     Status tryOpen(Placement placement);
-    Status openRings();
+    Result<std::vector<Processor>> openRings(size_t bytes, size_t smallestBytes);
     Status openRing(Processor& processor, size_t bytes, bool& noMemory);
+    bool openLargerRings(size_t bytes);
     Status openOnProcessors();
     Status openThread(pid_t tid, bool& gone);
     Status tryOpenThread(pid_t tid, Events& events);
@@ -97,11 +102,14 @@ private:
     StackSamplerOptions _options;
     KernelOffer _offer;
     std::vector<Processor> _processors;
+    std::vector<Processor> _formerProcessors; ///< while others take over
     std::optional<FamilyFilter> _filter;
     Generation _events;
     std::unordered_set<uint64_t> _clockEvents;
-    /// While one generation follows another: identifiers of the old one, and when the new one took over.
+    /// While one generation follows another: identifiers of the old one's events, of the new one's rings if it has its
+    /// own, and when it took over.
     std::unordered_set<uint64_t> _retiring;
+    std::unordered_set<uint64_t> _newRings;
     uint64_t _tookOverNs = UINT64_MAX;
     bool _enabled = false;
 };

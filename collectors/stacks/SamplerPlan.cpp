@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <bit>
 
+#include "collectors/stacks/DumpSize.h"
 #include "records/StackRecords.h"
 
 namespace vnt {
@@ -129,14 +130,31 @@ perf_event_attr ringAttributes(const StackSamplerOptions& options, const KernelO
     return attributes;
 }
 
-size_t ringBytes(const StackSamplerOptions& options)
+namespace {
+
+size_t ringFor(const StackSamplerOptions& options, uint64_t durationNs, uint32_t dumpBytes)
 {
-    const uint64_t kSmallest = wantsDumps(options) ? 4u << 20 : 256u << 10; // dumps of 8 KiB for 400 ms at 1 kHz
+    constexpr uint64_t kSmallest = 256u << 10;
     constexpr uint64_t kLargest = 4u << 20;
-    const uint64_t samples = 200'000'000 / options.intervalNs + 1;
-    const uint64_t dump = wantsDumps(options) ? 2048 : 0; // larger ones are rare, or last until half a ring is full
-    const uint64_t bytes = samples * (48 + dump + 8 * uint64_t{std::min(options.maxFrames, 64u)});
+    const uint64_t samples = durationNs / options.intervalNs + 1;
+    const uint64_t bytes = samples * (48 + uint64_t{dumpBytes} + 8 * uint64_t{std::min(options.maxFrames, 64u)});
     return static_cast<size_t>(std::bit_ceil(std::clamp(bytes, kSmallest, kLargest)));
+}
+
+} // namespace
+
+size_t ringBytes(const StackSamplerOptions& options, uint32_t dumpBytes)
+{
+    return ringFor(options, dumpBytes == 0 ? 200'000'000 : 400'000'000, dumpBytes);
+}
+
+size_t firstRingBytes(const StackSamplerOptions& options, const KernelOffer& offer)
+{
+    if (!wantsDumps(options))
+        return ringBytes(options, 0);
+    if (offer.placement == Placement::kThreads) // the limit of an ordinary user's memory may allow no others beside
+        return ringBytes(options, DumpSize::kUsual);
+    return ringFor(options, 50'000'000, DumpSize::kUsual);
 }
 
 } // namespace vnt

@@ -104,12 +104,20 @@ TEST(SamplerPlan, RingsHoldAFifthOfASecond)
 {
     for (const uint64_t intervalNs : {10'000u, 40'000u, 100'000u, 1'000'000u, 60'000'000u}) {
         StackSamplerOptions options;
+        options.pid = 7;
         options.intervalNs = intervalNs;
         options.maxFrames = 40;
-        const size_t bytes = ringBytes(options);
-        EXPECT_EQ(bytes & (bytes - 1), 0u) << intervalNs;
-        EXPECT_GE(bytes, std::min<uint64_t>(200'000'000 / intervalNs * (48 + 40 * 8), 4u << 20)) << intervalNs;
-        EXPECT_LE(bytes, 4u << 20) << intervalNs;
+        for (const uint32_t dump : {0u, 512u, 8192u, 32768u}) {
+            const size_t bytes = ringBytes(options, dump);
+            EXPECT_EQ(bytes & (bytes - 1), 0u) << intervalNs;
+            EXPECT_GE(bytes, std::min<uint64_t>(200'000'000 / intervalNs * (48 + dump + 40 * 8), 4u << 20))
+                << intervalNs;
+            EXPECT_LE(bytes, 4u << 20) << intervalNs;
+        }
+        KernelOffer offer;
+        EXPECT_LE(firstRingBytes(options, offer), ringBytes(options, 8192)) << intervalNs;
+        offer.placement = Placement::kThreads;
+        EXPECT_EQ(firstRingBytes(options, offer), ringBytes(options, 8192)) << intervalNs;
     }
 }
 

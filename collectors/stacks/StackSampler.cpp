@@ -4,6 +4,7 @@
 #include <sys/eventfd.h>
 #include <time.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <optional>
@@ -21,6 +22,8 @@ namespace {
 
 // Without a watermark reached. A live reader sees samples this late, and the processor sleeps this long undisturbed.
 constexpr std::chrono::milliseconds kDrainInterval{100};
+// At first sooner, then each time twice as long: how much of a stack is needed shows in the first samples.
+constexpr std::chrono::milliseconds kFirstDrainInterval{10};
 constexpr uint64_t kCostIntervalNs = 1'000'000'000;
 
 uint64_t threadCpuNs()
@@ -47,6 +50,7 @@ public:
           _wake(std::move(wake)),
           _window(windowFor(options, _events, sink)),
           _assembler(settings(options, _events), _window ? *_window : sink, observer),
+          _options(options),
           _recordsWaiting(recordsWaiting(options)),
           _pid(options.allProcesses ? 0 : options.pid)
     {
@@ -69,7 +73,7 @@ private:
     Status ask(Request request, uint64_t atNs);
     void run();
     void drain();
-    void fitDumps();
+    bool fitDumps();
     void recordWaits(Request request, uint64_t readUntilNs, uint64_t atNs);
     Status turnWindow(Request request, uint64_t atNs);
     Request takeRequest(uint64_t& atNs);
@@ -81,11 +85,13 @@ private:
     UniqueFd _wake; ///< eventfd: a request is there
     std::unique_ptr<StackWindow> _window; ///< null without a window
     SampleAssembler _assembler;
+    const StackSamplerOptions _options;
     const bool _recordsWaiting;
     const pid_t _pid; ///< 0: not one process
     std::atomic<uint64_t> _beganNs{0}; ///< when sampling was last switched on
     uint64_t _lastCostNs = 0;
     bool _fitsDumps = true;
+    size_t _ringTried = 0;
 
     Mutex _mutex;
     Condition _answered;
@@ -149,27 +155,35 @@ void PerfStackSampler::drain()
                   [this] { _assembler.onDeadRing(); });
 }
 
-/// Lets samples bring as much of the stack as they turn out to need.
-void PerfStackSampler::fitDumps()
+/// Lets samples bring as much of the stack as they turn out to need, into rings that hold enough of them. True: `fds`
+/// of rings are others now.
+bool PerfStackSampler::fitDumps()
 {
     DumpSize* const size = _fitsDumps ? _assembler.dumpSize() : nullptr;
-    if (!size || !size->review())
-        return;
+    if (!size)
+        return false;
+    const bool changed = size->review();
+    const size_t ringBefore = _events.ringBytes();
+    const size_t ring = size->isKnown() ? ringBytes(_options, size->bytes()) : 0;
+    if (!changed && (ring <= ringBefore || ring <= _ringTried))
+        return false;
+    _ringTried = std::max(_ringTried, ring); // refused once is refused again
     MutexLock lock(_eventsLock);
-    const Status status = _events.setDumpBytes(
-        size->bytes(), [this](const perf_event_header& header, std::span<const std::byte> payload) {
+    const Status status =
+        _events.renew(size->bytes(), ring, [this](const perf_event_header& header, std::span<const std::byte> payload) {
             _assembler.onRecord(header, payload);
         });
     // As before then; the limit of descriptors is the likely reason, and trying again would not help.
     _fitsDumps = status.ok();
+    return _events.ringBytes() != ringBefore;
 }
 
 void PerfStackSampler::run()
 {
     std::vector<struct pollfd> fds{{_wake.get(), POLLIN, 0}};
     _events.appendPollFds(fds);
-    for (;;) {
-        if (!sys::pollFds(fds, kDrainInterval).ok())
+    for (auto interval = kFirstDrainInterval;; interval = std::min(2 * interval, kDrainInterval)) {
+        if (!sys::pollFds(fds, interval).ok())
             fds.resize(1); // without the rings' word, the interval alone wakes us
         for (size_t i = fds.size(); i-- > 1;) {
             if (fds[i].revents & (POLLERR | POLLHUP | POLLNVAL)) // would return at once for ever
@@ -181,7 +195,10 @@ void PerfStackSampler::run()
             return;
         const uint64_t readUntilNs = sys::monotonicNs();
         drain();
-        fitDumps();
+        if (fitDumps()) {
+            fds.resize(1);
+            _events.appendPollFds(fds);
+        }
         if (_recordsWaiting)
             recordWaits(request, readUntilNs, atNs);
         const uint64_t cpuNs = threadCpuNs();

@@ -1,5 +1,6 @@
 #include "collectors/stacks/StackSampler.h"
 
+#include <atomic>
 #include <chrono>
 #include <fcntl.h>
 #include <functional>
@@ -322,6 +323,51 @@ TEST(StackSampler, AllProcessesAndTheKernel)
     ASSERT_TRUE(second.value()->stop().ok());
     EXPECT_EQ(kernel.inKernel, kernel.samples);
     EXPECT_GT(kernel.kernelAddresses, 0u);
+}
+
+TEST(StackSampler, NothingOfProcessesIsLostOrToldTwiceWhileRingsChange)
+{
+    StackSamplerOptions options = optionsFor(::getpid());
+    options.intervalNs = 60'000'000'000; // the rings are for records of processes
+    auto events = EventSet::open(options, &kProcessors);
+    if (!events.ok())
+        GTEST_SKIP() << "CANNOT SAMPLE ON PROCESSORS HERE: " << events.status().message();
+    ASSERT_TRUE(events.value().enable().ok());
+    std::map<uint32_t, int> forks; // of our children
+    uint64_t lost = 0;
+    const auto onRecord = [&](const perf_event_header& header, std::span<const std::byte> payload) {
+        ByteCursor cursor(payload);
+        const auto pid = cursor.little<uint32_t>();
+        const auto parent = cursor.little<uint32_t>();
+        if (header.type == PERF_RECORD_FORK && parent == static_cast<uint32_t>(::getpid()) && pid != parent)
+            ++forks[pid];
+        lost += header.type == PERF_RECORD_LOST;
+    };
+    std::atomic<bool> isDone{false};
+    std::vector<pid_t> children;
+    std::thread forking([&] {
+        while (!isDone || children.size() < 100) {
+            const pid_t child = ::fork();
+            if (child == 0)
+                ::_exit(0);
+            ASSERT_GT(child, 0);
+            ::waitpid(child, nullptr, 0);
+            children.push_back(child);
+        }
+    });
+    const size_t first = events.value().ringBytes();
+    for (uint32_t i = 1; i <= 4; ++i) {
+        EXPECT_TRUE(events.value().renew(i % 2 ? 2048 : 8192, first << std::min(i, 3u), onRecord).ok());
+    }
+    isDone = true;
+    forking.join();
+    events.value().drain(onRecord, [] { ADD_FAILURE(); });
+    EXPECT_EQ(events.value().ringBytes(), first << 3);
+    EXPECT_EQ(lost, 0u);
+    size_t toldOnce = 0;
+    for (const pid_t child : children)
+        toldOnce += forks[static_cast<uint32_t>(child)] == 1;
+    EXPECT_EQ(toldOnce, children.size());
 }
 
 TEST(StackSampler, RefusalsSayWhy)

@@ -156,6 +156,13 @@ TEST(DumpSize, FollowsTheNeed)
     EXPECT_TRUE(size.review());
     EXPECT_EQ(size.bytes(), 512u);
 
+    // A few that are all cut are enough to tell.
+    EXPECT_FALSE(size.review());
+    for (int i = 0; i < 4; ++i)
+        size.noteCut(512);
+    EXPECT_TRUE(size.review());
+    EXPECT_EQ(size.bytes(), 2048u);
+
     // A few that need more than others are worth it, and the largest is the end.
     for (int i = 0; i < 10; ++i) {
         for (int n = 0; n < 40; ++n)
