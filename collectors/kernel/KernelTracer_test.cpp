@@ -102,21 +102,28 @@ TEST_P(KernelTracerTest, SwitchesAreThoseThatTheSystemCounts)
 
 TEST_P(KernelTracerTest, ChildProcessesAreFollowedFromTheirFirstCall)
 {
-    TraceRecording recording;
-    Target target(Target::Begin::kStopped, "children", "50", "/kernelwork");
-    auto tracer = started(traceOptions(target.pid(), GetParam()), recording);
-    ASSERT_TRUE(tracer);
-    target.resume();
-    EXPECT_EQ(target.wait(), 0);
-    ASSERT_TRUE(tracer->stop().ok());
-    EXPECT_EQ(recording.calls["getppid"], 500u);
-    EXPECT_EQ(recording.byPid.size(), 51u);
-    EXPECT_EQ(recording.byName["sched:sched_process_fork"], 50u);
-    EXPECT_EQ(recording.byName["sched:sched_process_exit"], 51u);
-    EXPECT_EQ(recording.forks.size(), 50u);
-    EXPECT_TRUE(recording.names.count("kernelwork"));
-    EXPECT_FALSE(recording.names.count("")) << "those that ended before their events were read have names, too";
-    EXPECT_EQ(recording.lostOwn(), 0u);
+    // A program does not run where another one was interrupted; what that cost, here or in other processes, is told as
+    // one number. Then the exact counts need another try.
+    for (int attempt = 0;; ++attempt) {
+        TraceRecording recording;
+        Target target(Target::Begin::kStopped, "children", "50", "/kernelwork");
+        auto tracer = started(traceOptions(target.pid(), GetParam()), recording);
+        ASSERT_TRUE(tracer);
+        target.resume();
+        EXPECT_EQ(target.wait(), 0);
+        ASSERT_TRUE(tracer->stop().ok());
+        EXPECT_EQ(recording.lostOwn(), 0u);
+        if (recording.lost.count(trace::LostCause::kRecursion) != 0 && attempt < 5)
+            continue;
+        EXPECT_EQ(recording.calls["getppid"], 500u);
+        EXPECT_EQ(recording.byPid.size(), 51u);
+        EXPECT_EQ(recording.byName["sched:sched_process_fork"], 50u);
+        EXPECT_EQ(recording.byName["sched:sched_process_exit"], 51u);
+        EXPECT_EQ(recording.forks.size(), 50u);
+        EXPECT_TRUE(recording.names.count("kernelwork"));
+        EXPECT_FALSE(recording.names.count("")) << "those that ended before their events were read have names, too";
+        break;
+    }
 }
 
 TEST_P(KernelTracerTest, StacksAreThereAsAsked)

@@ -80,7 +80,7 @@ int runArchive(const ArchiveOptions& options, std::ostream& out, std::ostream& e
         return 1;
     }
     Bundle bundle = opened.take();
-    ProgressLine progress(options.showProgress ? &err : nullptr);
+    StatusLine progress(options.showProgress ? &err : nullptr);
     const auto server = options.debuginfod ? openDebugServer(bundle, progress) : nullptr;
     StoredSymbolsWriter writer;
     collectSymbols(bundle, writer, [&](const std::string& identifier) { progress.show("symbols of " + identifier); });

@@ -7,11 +7,13 @@
 #include <cmath>
 #include <optional>
 #include <ostream>
+#include <utility>
 
 #include "bundle/Instruments.h"
 #include "bundle/exports/Exporter.h"
 #include "platform/base/sys.h"
 #include "rumbel/export/ExportFile.h"
+#include "rumbel/report/StatusLine.h"
 #include "rumbel/report/printable.h"
 
 namespace vnt {
@@ -83,28 +85,6 @@ Result<ExportOptions> optionsOf(const ExportCommand& command)
     return options;
 }
 
-/// One line of a terminal, overwritten while work goes on and removed at the end.
-class ProgressLine {
-public:
-    ~ProgressLine()
-    {
-        if (_shownPercent >= 0)
-            show("\r\033[K");
-    }
-    void operator()(double share)
-    {
-        const int percent = static_cast<int>(share * 100);
-        if (percent == _shownPercent)
-            return;
-        _shownPercent = percent;
-        show("\rexporting " + std::to_string(percent) + " %");
-    }
-
-private:
-    static void show(const std::string& text) { (void)sys::writeFully(STDERR_FILENO, text.data(), text.size()); }
-    int _shownPercent = -1;
-};
-
 Compression compressionOf(const ExportFormat& format, const std::string& output)
 {
     if (output.ends_with(".gz"))
@@ -130,11 +110,12 @@ int fail(std::ostream& err, int status, const std::string& message)
 
 /// Writes the export to `fd`; `source` was made for it.
 Status writeExport(const ExportCommand& command, const ExportFormat& format, ExportSource& source, int fd,
-                   std::ostream& err)
+                   StatusLine& progress, std::ostream& err)
 {
     OutputSink sink(fd, compressionOf(format, command.output));
     RETURN_IF_ERROR(format.make()->write(source, sink));
     RETURN_IF_ERROR(sink.finish());
+    progress.clear();
     if (format.warnBytes != 0 && sink.contentBytes() > format.warnBytes)
         err << "rumbel: " << bytes(sink.contentBytes()) << " are more than " << format.viewer
             << " is known to open well; --from, --to and --thread export less\n";
@@ -145,17 +126,22 @@ Status exportBundle(const ExportCommand& command, const ExportFormat& format, co
                     ExportOptions& options, const std::vector<std::string_view>& instruments, int standardOutput,
                     std::ostream& err)
 {
-    ProgressLine progress;
     // Where the export itself goes to the terminal, the line would stand in it.
-    if (::isatty(STDERR_FILENO) != 0 && (command.output != "-" || ::isatty(standardOutput) == 0))
-        options.onProgress = [&progress](double share) { progress(share); };
+    const bool isShown = ::isatty(STDERR_FILENO) != 0 && (command.output != "-" || ::isatty(standardOutput) == 0);
+    StatusLine progress(isShown ? &err : nullptr);
+    if (isShown)
+        options.onProgress = [&progress, shown = -1](double share) mutable {
+            const int percent = static_cast<int>(share * 100);
+            if (std::exchange(shown, percent) != percent)
+                progress.show("exporting " + std::to_string(percent) + " %");
+        };
     ExportSource source(bundle, options, instruments);
     std::optional<ExportFile> file;
     if (command.output != "-") {
         ASSIGN_OR_RETURN(ExportFile created, ExportFile::create(command.output));
         file.emplace(std::move(created));
     }
-    RETURN_IF_ERROR(writeExport(command, format, source, file ? file->fd() : standardOutput, err));
+    RETURN_IF_ERROR(writeExport(command, format, source, file ? file->fd() : standardOutput, progress, err));
     const bool isEmpty = std::all_of(source.instruments().begin(), source.instruments().end(), [](const auto& one) {
         return !one.data.hasArchive() && one.messages.messages == 0;
     });

@@ -128,7 +128,7 @@ std::optional<ReadBundle> readBundle(const ReportOptions& options, std::ostream&
     const auto reading = readingOptions(*read.bundle, options);
     if (!reading.ok())
         return fail(reading.status().message());
-    read.progress = std::make_unique<ProgressLine>(options.showProgress ? &err : nullptr);
+    read.progress = std::make_unique<StatusLine>(options.showProgress ? &err : nullptr);
     if (options.debuginfod)
         read.server = openDebugServer(*read.bundle, *read.progress);
     bool nothingRead = true;

@@ -19,7 +19,7 @@ int runReport(const ReportOptions& options, std::ostream& out, std::ostream& err
 /// A bundle with what was asked for of it.
 struct ReadBundle {
     std::unique_ptr<Bundle> bundle;
-    std::unique_ptr<ProgressLine> progress; ///< told by the server
+    std::unique_ptr<StatusLine> progress; ///< told by the server
     std::unique_ptr<DebugServer> server; ///< of the reports' symbols; null: nothing is fetched
     std::vector<std::unique_ptr<InstrumentReport>> reports;
 };
