@@ -31,6 +31,8 @@ void raiseDescriptorLimit()
     (void)::setrlimit(RLIMIT_NOFILE, &limit); // opening too many says so itself
 }
 
+Status noSuchProcess(pid_t pid) { return Status(Code::kNotFound, "there is no process " + std::to_string(pid)); }
+
 Result<std::vector<pid_t>> threadsOf(pid_t pid)
 {
     std::vector<pid_t> threads;
@@ -39,7 +41,7 @@ Result<std::vector<pid_t>> threadsOf(pid_t pid)
             threads.push_back(tid);
     }
     if (threads.empty())
-        return Status(Code::kNotFound, "there is no process " + std::to_string(pid));
+        return noSuchProcess(pid);
     return threads;
 }
 
@@ -57,8 +59,8 @@ Result<EventSet> EventSet::open(const StackSamplerOptions& options, const Placem
 {
     RETURN_IF_ERROR(checkOptions(options));
     const bool oneProcess = !options.allProcesses && options.pid > 0;
-    if (oneProcess)
-        RETURN_IF_ERROR(threadsOf(options.pid).status());
+    if (oneProcess && threadsOfProcess(options.pid).empty())
+        return noSuchProcess(options.pid);
     EventSet set(options);
     // Switches are told of every thread of the machine or, by events on threads, of the one process only.
     const Placement threads = Placement::kThreads;
@@ -86,13 +88,18 @@ Status EventSet::tryOpen(Placement placement)
         ASSIGN_OR_RETURN(_filter, FamilyFilter::create(_options.pid, _options.traceFiles));
     }
     ASSIGN_OR_RETURN(_processors, openRings(firstRingBytes(_options, _offer), kSmallestRing));
+    if (_filter) {
+        ASSIGN_OR_RETURN(_family, _filter->addFamily(_options.pid));
+    } else if (!_options.allProcesses && _options.pid > 0) {
+        _family = processesOfFamily(_options.pid);
+    }
     if (wantsDumps(_options) && !_processors.empty())
         _offer.dumpBytes = DumpSize(_options.intervalNs, ringBytes()).bytes();
     if (placement == Placement::kProcessors)
         return openOnProcessors();
     bool any = false;
     RETURN_IF_ERROR(openThreads(any));
-    return any ? Status() : Status(Code::kNotFound, "there is no process " + std::to_string(_options.pid));
+    return any ? Status() : noSuchProcess(_options.pid);
 }
 
 /// All of the same size, the largest that the memory-lock limit allows.

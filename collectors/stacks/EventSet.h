@@ -64,6 +64,8 @@ public:
 
     /// Identifiers of the events that sample running threads. Grows until followNewThreads() is done.
     [[nodiscard]] const std::unordered_set<uint64_t>& clockEvents() const { return _clockEvents; }
+    /// The one process and its descendants, as they were when rings began to tell of those to come.
+    [[nodiscard]] const std::vector<pid_t>& family() const { return _family; }
     [[nodiscard]] const KernelOffer& offer() const { return _offer; }
     /// Of one processor.
     [[nodiscard]] size_t ringBytes() const { return _processors.empty() ? 0 : _processors.front().ring->dataBytes(); }
@@ -104,6 +106,7 @@ private:
     std::vector<Processor> _processors;
     std::vector<Processor> _formerProcessors; ///< while others take over
     std::optional<FamilyFilter> _filter;
+    std::vector<pid_t> _family;
     Generation _events;
     std::unordered_set<uint64_t> _clockEvents;
     /// While one generation follows another: identifiers of the old one's events, of the new one's rings if it has its

@@ -1,5 +1,6 @@
 #include "collectors/stacks/FamilyFilter.h"
 
+#include <algorithm>
 #include <memory>
 #include <system_error>
 #include <thread>
@@ -93,14 +94,14 @@ Result<FamilyFilter> FamilyFilter::create(pid_t pid, int traceFiles)
     bpf::MapShape shape;
     shape.type = BPF_MAP_TYPE_HASH;
     shape.keyBytes = shape.valueBytes = sizeof(uint32_t);
-    shape.entries = kMostProcesses;
+    // Not more than there can be: the kernel makes room for all of them at once.
+    shape.entries = static_cast<uint32_t>(
+        std::clamp<int64_t>(perf::kernelSetting("pid_max", kMostProcesses), 1024, int64_t{kMostProcesses}));
     ASSIGN_OR_RETURN(filter._processes, bpf::createMap(shape));
     ASSIGN_OR_RETURN(filter._program,
                      bpf::loadProgram(BPF_PROG_TYPE_PERF_EVENT, decidingProgram(filter._processes.get())));
     RETURN_IF_ERROR(filter.follow(traceFiles));
-    // Twice: what begins between a look and the entry of its parent is found by the second look.
-    RETURN_IF_ERROR(filter.addFamily(pid));
-    RETURN_IF_ERROR(filter.addFamily(pid));
+    RETURN_IF_ERROR(filter.addFamily(pid).status());
     return filter;
 }
 
@@ -146,14 +147,15 @@ Status FamilyFilter::follow(int traceFiles)
     return attach("sched_process_fork", "child_pid", forkProgram);
 }
 
-Status FamilyFilter::addFamily(pid_t pid)
+Result<std::vector<pid_t>> FamilyFilter::addFamily(pid_t pid)
 {
-    for (const pid_t process : processesOfFamily(pid)) {
+    std::vector<pid_t> family = processesOfFamily(pid);
+    for (const pid_t process : family) {
         const auto key = static_cast<uint32_t>(process);
         const uint32_t one = 1;
         RETURN_IF_ERROR(bpf::updateElement(_processes.get(), &key, &one));
     }
-    return {};
+    return family;
 }
 
 } // namespace vnt

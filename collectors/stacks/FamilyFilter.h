@@ -22,13 +22,16 @@ public:
     /// kernel's numbers are not ours, and where process events cannot be followed; kDenied without privilege.
     static Result<FamilyFilter> create(pid_t pid, int traceFiles);
 
+    /// Lets through what descends from `pid` now, and says who that is. create() has done so: once more finds what
+    /// began between its look and the entry of its parent.
+    Result<std::vector<pid_t>> addFamily(pid_t pid);
+
     /// For perf::setProgram(): a BPF_PROG_TYPE_PERF_EVENT program. Costs some 20 ns an event.
     [[nodiscard]] int program() const { return _program.get(); }
 
 private:
     FamilyFilter() = default;
     Status follow(int traceFiles);
-    Status addFamily(pid_t pid);
 
     UniqueFd _processes; ///< the table
     UniqueFd _program;

@@ -10,7 +10,6 @@
 #include <optional>
 #include <thread>
 
-#include "collectors/common/family.h"
 #include "collectors/stacks/EventSet.h"
 #include "collectors/stacks/SampleAssembler.h"
 #include "collectors/stacks/StackWindow.h"
@@ -108,7 +107,7 @@ SampleAssembler::Settings PerfStackSampler::settings(const StackSamplerOptions& 
     SampleAssembler::Settings result;
     result.onlyPid = options.allProcesses ? 0 : options.pid;
     if (result.onlyPid > 0)
-        result.family = processesOfFamily(result.onlyPid);
+        result.family = events.family();
     result.maxFrames = framesAsked(options, offer);
     result.session.intervalNs = options.intervalNs;
     result.session.windowNs = options.windowNs;
