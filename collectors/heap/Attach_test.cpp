@@ -32,16 +32,28 @@ public:
         EXPECT_TRUE(status.ok()) << status.message();
         return {};
     }
-    void reportProblem(const std::string& text) override { ADD_FAILURE() << text; }
+    void reportProblem(const std::string& text) override { EXPECT_TRUE(expectsProblem) << text; }
+    bool expectsProblem = false;
     std::atomic<uint64_t> events{0};
     std::atomic<bool> attached{false};
+    /// Allocations of that size, of a program that makes such for nothing else.
+    std::atomic<uint64_t> ofPlugin{0};
+    std::atomic<uint64_t> ofChild{0};
+    std::atomic<bool> toldWithoutJournal{false};
 
 private:
-    void onAllocate(const heap::AllocateRecord&) override { ++events; }
+    void onAllocate(const heap::AllocateRecord& record) override
+    {
+        constexpr uint64_t kPluginBytes = 4327, kChildBytes = 5437; // tests/targets/heapchanges.cpp
+        ++events;
+        ofPlugin += record.sizeBytes == kPluginBytes;
+        ofChild += record.sizeBytes == kChildBytes;
+    }
     void onFree(uint64_t, heap::Function, uint32_t) override { ++events; }
     void onTarget(uint64_t, const heap::TargetRecord& target) override
     {
         attached = (target.flags & heap::TargetRecord::kAttached) != 0;
+        toldWithoutJournal = (target.flags & heap::TargetRecord::kNoJournal) != 0;
     }
     heap::HeapRecordReader _reader;
 };
@@ -144,6 +156,127 @@ INSTANTIATE_TEST_SUITE_P(Heap, Attach,
                          testing::Values(Busy{"heapbusy", "waits"}, Busy{"heapbusy", "spin"},
                                          Busy{"heapbusy32", "waits"}, Busy{"heapbusy32", "spin"}),
                          [](const auto& row) { return std::string(row.param.target) + "_" + row.param.mode; });
+
+/// Records heapchanges while the test tells it what to do.
+class AttachedChanges : public testing::TestWithParam<const char*> {
+protected:
+    void SetUp() override
+    {
+        const std::string program = std::string(VNT_TARGETS) + "/heapchanges" + GetParam();
+        if (!sys::statFile(program).ok())
+            GTEST_SKIP() << "needs a compiler for this width: apt-get install g++-multilib";
+        _target = std::make_unique<test::TalkingTarget>(std::vector<std::string>{program});
+        attach();
+    }
+    void attach()
+    {
+        _sink = std::make_unique<CountingSink>();
+        auto collector = attachTo(_target->pid(), *_sink, _observer);
+        ASSERT_TRUE(collector.ok()) << collector.status().message();
+        _collector = collector.take();
+        _collector->startCollection();
+    }
+    /// What it answers.
+    std::string tell(const std::string& command)
+    {
+        _target->say(command + "\n");
+        std::string said = _target->hearLine();
+        EXPECT_EQ(said.find("done"), 0U) << command << ": " << said;
+        return said;
+    }
+    /// With the directory of the targets, or without, so that the loader looks for it.
+    std::string plugin(const std::string& binding, bool withDirectory = true) const
+    {
+        return std::string(withDirectory ? VNT_TARGETS "/" : "") + "libheapplugin_" + binding + GetParam() + ".so";
+    }
+    void leave()
+    {
+        EXPECT_TRUE(_collector->stopCollection().ok());
+        _collector = nullptr;
+    }
+
+    std::unique_ptr<test::TalkingTarget> _target;
+    std::unique_ptr<CountingSink> _sink;
+    QuietObserver _observer;
+    std::unique_ptr<HeapCollector> _collector;
+};
+
+TEST_P(AttachedChanges, WhatLoadedLibrariesAllocateIsCountedExactly)
+{
+    (void)tell("load " + plugin("now"));
+    (void)tell("call 1000"); // by a pointer that the library gave when it was loaded
+    (void)tell("close");
+    (void)tell("load " + plugin("lazy"));
+    (void)tell("call 100");
+    leave();
+    EXPECT_EQ(_sink->ofPlugin, 1100U);
+    (void)tell("call 10"); // as before
+    EXPECT_EQ(_target->end(), 0);
+}
+
+/// A library that the loader finds by what stands in the program (DT_RUNPATH) is found, and recorded once it is used.
+TEST_P(AttachedChanges, ALibraryIsSearchedForOnBehalfOfWhoOpensIt)
+{
+    (void)tell("load " + plugin("now", /*withDirectory=*/false));
+    (void)tell("find");
+    (void)tell("call 1000");
+    leave();
+    EXPECT_EQ(_sink->ofPlugin, 1000U);
+    (void)tell("call 10");
+    EXPECT_EQ(_target->end(), 0);
+}
+
+/// Recorders come and go while libraries do; nothing is written to where one was.
+TEST_P(AttachedChanges, LibrariesThatComeAndGoMeetRecordersThatDo)
+{
+    (void)tell("churn " + plugin("now"));
+    for (int i = 0; i < rounds(20); ++i) {
+        ASSERT_TRUE(waitFor([this] { return _sink->ofPlugin > 30 || !_target->fate().empty(); })) << "round " << i;
+        leave();
+        ASSERT_EQ(_target->fate(), "") << "round " << i;
+        attach();
+    }
+    (void)tell("load " + plugin("lazy"));
+    (void)tell("close");
+    leave();
+    EXPECT_EQ(_target->end(), 0);
+}
+
+TEST_P(AttachedChanges, ChildrenAreNotRecordedAndWork)
+{
+    EXPECT_EQ(tell("fork 500"), "done fork 0\n");
+    EXPECT_EQ(tell("vfork"), "done vfork 0\n");
+    EXPECT_EQ(tell("spawn"), "done spawn 0\n");
+    (void)tell("load " + plugin("now"));
+    EXPECT_EQ(tell("fork 500"), "done fork 0\n");
+    (void)tell("call 50"); // the program itself goes on
+    leave();
+    EXPECT_EQ(_sink->ofChild, 0U);
+    EXPECT_EQ(_sink->ofPlugin, 50U);
+    EXPECT_EQ(tell("fork 500"), "done fork 0\n");
+    EXPECT_EQ(_target->end(), 0);
+}
+
+TEST_P(AttachedChanges, AnExecutionEndsTheRecordingAndAnotherMayBegin)
+{
+    _sink->expectsProblem = true;
+    const std::string itself = std::string(VNT_TARGETS) + "/heapchanges" + GetParam();
+    for (const std::string& program : {itself, std::string(VNT_TARGETS) + "/heapbusy" + GetParam()}) {
+        _target->say("exec " + program + "\n");
+        EXPECT_NE(_target->hearLine(), ""); // the new program's first
+        EXPECT_TRUE(waitFor([this] { return _sink->toldWithoutJournal.load(); })) << program;
+        leave();
+        EXPECT_EQ(_target->maps().find("vantora-heap"), std::string::npos);
+        attach();
+        _sink->expectsProblem = true;
+    }
+    EXPECT_TRUE(waitFor([this] { return _sink->events > 500; }));
+    leave();
+    EXPECT_EQ(_target->end(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Heap, AttachedChanges, testing::Values("", "32"),
+                         [](const auto& row) { return std::string("heapchanges") + row.param; });
 
 /// What cannot be attached to is refused with a sentence that says why, and is left as it was.
 TEST(AttachRefused, WithASentence)

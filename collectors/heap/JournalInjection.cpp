@@ -100,8 +100,11 @@ Status callLoader(BorrowedThread& thread, const std::string& path, uint64_t mode
 Status load(BorrowedThread& thread, const std::string& directory)
 {
     if (const RemoteModule* journal = findJournal(thread.process())) {
-        // Another thread may be loading it still, for a recorder that was killed: the loader lets us in when it is
-        // done.
+        uint32_t ready = 0;
+        const auto place = thread.process().function(*journal, "vntJournalReady");
+        if (place.ok() && thread.process().read(place.value(), &ready, sizeof ready).ok() && ready == 1)
+            return {};
+        // Another thread loads it still, for a recorder that was killed: the loader lets us in when it is done.
         std::string path = journal->path;
         path.resize(path.rfind('/') + 1);
         path += kLibrary;
