@@ -259,9 +259,12 @@ int lookAtModule(dl_phdr_info* info, size_t, void* data)
     Module module;
     if (!readModule(*info, module))
         return 0;
-    const bool isCxx =
-        info->dlpi_name && (::strstr(info->dlpi_name, "libstdc++") || ::strstr(info->dlpi_name, "libc++"));
-    for (size_t i = 0; isCxx && i < module.segmentCount && walk.cxxCount < kMaxRanges; ++i) {
+    const char* file = info->dlpi_name ? info->dlpi_name : ""; // the program's is empty
+    // An allocator that is a library of its own often has the operators, too, which do what its malloc does.
+    const bool isAllocator = file[0] != 0 && !::strstr(file, "/libc.so") && !::strstr(file, "/libc-")
+        && isInSegment(module, reinterpret_cast<uintptr_t>(realAllocator.malloc), PF_X);
+    const bool hasPlainOperators = isAllocator || ::strstr(file, "libstdc++") || ::strstr(file, "libc++");
+    for (size_t i = 0; hasPlainOperators && i < module.segmentCount && walk.cxxCount < kMaxRanges; ++i) {
         const ElfW(Phdr)& segment = module.segments[i];
         const uintptr_t begin = module.base + segment.p_vaddr;
         if (segment.p_type == PT_LOAD && (segment.p_flags & PF_X) != 0)
