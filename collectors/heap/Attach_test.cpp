@@ -245,6 +245,23 @@ TEST_P(AttachedChanges, LibrariesThatComeAndGoMeetRecordersThatDo)
     EXPECT_EQ(_target->end(), 0);
 }
 
+/// A call that is given up within the journal leaves nothing that the next one would wait for.
+TEST_P(AttachedChanges, ACallThatWaitsForALockIsGivenUp)
+{
+    leave();
+    (void)tell("hold");
+    const auto refused = attachTo(_target->pid(), *_sink, _observer);
+    EXPECT_NE(refused.status().message().find("a lock that is needed was not free in time"), std::string::npos)
+        << refused.status().message();
+    (void)tell("release");
+    attach();
+    (void)tell("load " + plugin("now"));
+    (void)tell("call 20");
+    leave();
+    EXPECT_EQ(_sink->ofPlugin, 20U);
+    EXPECT_EQ(_target->end(), 0);
+}
+
 TEST_P(AttachedChanges, ChildrenAreNotRecordedAndWork)
 {
     EXPECT_EQ(tell("fork 500"), "done fork 0\n");

@@ -5,12 +5,14 @@
 //   call N      the library's function makes N blocks and frees them
 //   close       closes the library
 //   churn FILE  opens, uses and closes it over and over in a thread, until the program ends
+//   hold, release  a thread keeps the lock of the loader's list (dl_iterate_phdr(3)) from one to the other
 //   fork N      a child makes N blocks of its own
 //   vfork, spawn   a child executes /bin/true
 //   exec FILE   the program becomes this one
 // and ends with its input. Blocks are of kPluginBytes, those of a child of kChildBytes.
 
 #include <dlfcn.h>
+#include <link.h>
 #include <pthread.h>
 #include <spawn.h>
 #include <stdio.h>
@@ -26,6 +28,7 @@ using Plugin = void (*)(int);
 Plugin plugin;
 void* library;
 volatile bool over;
+volatile bool isHeld;
 
 void answer(const char* command, int result)
 {
@@ -53,6 +56,20 @@ void* churn(void* file)
         ::dlclose(opened);
         ::usleep(100); // others load libraries, too
     }
+    return nullptr;
+}
+
+int keepLock(dl_phdr_info*, size_t, void*)
+{
+    isHeld = true;
+    while (isHeld)
+        ::usleep(1000);
+    return 1;
+}
+
+void* hold(void*)
+{
+    ::dl_iterate_phdr(keepLock, nullptr);
     return nullptr;
 }
 
@@ -104,6 +121,7 @@ int main()
     char line[4096];
     char churned[4096];
     pthread_t thread{};
+    pthread_t holder{};
     bool churns = false;
     answer("begin", 0);
     while (::fgets(line, sizeof line, stdin)) {
@@ -123,6 +141,13 @@ int main()
         } else if (is(line, "churn")) {
             ::strcpy(churned, rest);
             churns = ::pthread_create(&thread, nullptr, churn, churned) == 0;
+        } else if (is(line, "hold")) {
+            result = ::pthread_create(&holder, nullptr, hold, nullptr);
+            while (!isHeld)
+                ::usleep(1000);
+        } else if (is(line, "release")) {
+            isHeld = false;
+            result = ::pthread_join(holder, nullptr);
         } else if (is(line, "fork")) {
             result = forked(::atoi(rest));
         } else if (is(line, "vfork")) {
