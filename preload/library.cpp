@@ -2,9 +2,14 @@
 // constructors are recorded, and unloaded last.
 
 #include <errno.h>
+#include <stdint.h>
 
 #include "preload/journal.h"
 #include "preload/real.h"
+
+/// For tracers: 1 once the loader has done its work. Before that nothing here may be called.
+extern "C" __attribute__((visibility("default"))) uint32_t vntJournalReady;
+uint32_t vntJournalReady;
 
 namespace {
 
@@ -13,6 +18,7 @@ __attribute__((constructor)) void begin(int, char**, char** environment) // argu
     const int error = errno;
     (void)vnt::haveReal();
     vnt::journal::greetCollector(environment);
+    __atomic_store_n(&vntJournalReady, 1u, __ATOMIC_RELEASE);
     errno = error;
 }
 

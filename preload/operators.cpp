@@ -24,15 +24,19 @@ namespace {
 enum class Behind : int { kUnknown, kPlain, kForeign };
 Behind behind = Behind::kUnknown; // what stands behind us; the same answer whoever finds it
 
-/// Whether the next `operator new` is the C++ library's, or there is none (yet).
+/// Whether the next `operator new` is the C++ library's, or there is none (yet). One of the library that the allocator
+/// comes from is as plain: it does what its malloc does.
 bool isPlain()
 {
     Behind known = __atomic_load_n(&behind, __ATOMIC_RELAXED);
     if (__builtin_expect(known == Behind::kUnknown, 0)) {
         Dl_info info{};
         void* next = isLate() ? nullptr : nextSymbol("_Znw" VNT_SIZE); // only plain ones are redirected
+        Dl_info allocator{};
         const bool foreign = next && ::dladdr(next, &info) != 0 && info.dli_fname
-            && !::strstr(info.dli_fname, "libstdc++") && !::strstr(info.dli_fname, "libc++");
+            && !::strstr(info.dli_fname, "libstdc++") && !::strstr(info.dli_fname, "libc++")
+            && (::dladdr(reinterpret_cast<void*>(realAllocator.malloc), &allocator) == 0
+                || allocator.dli_fbase != info.dli_fbase);
         known = foreign ? Behind::kForeign : Behind::kPlain;
         __atomic_store_n(&behind, known, __ATOMIC_RELAXED);
     }

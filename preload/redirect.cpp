@@ -2,10 +2,14 @@
 
 #include <dlfcn.h>
 #include <elf.h>
+#include <errno.h>
 #include <link.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/uio.h>
 
+#include "preload/followModules.h"
+#include "preload/raw.h"
 #include "preload/real.h"
 
 namespace vnt {
@@ -30,7 +34,7 @@ unsigned typeOf(const Relocation& relocation) { return ELF32_R_TYPE(relocation.r
 size_t symbolOf(const Relocation& relocation) { return ELF32_R_SYM(relocation.r_info); }
 #endif
 
-/// One exported function of this library.
+/// One function of this library that stands for another of the same name.
 struct Function {
     const char* name;
     uintptr_t own;
@@ -39,6 +43,7 @@ struct Function {
 };
 Function functions[kMaxFunctions];
 size_t functionCount;
+unsigned long long loadsSeen; // dl_phdr_info::dlpi_adds, at the latest walk that redirected
 
 struct Range {
     uintptr_t begin;
@@ -56,6 +61,8 @@ struct Module {
     size_t plainCount;
     const Relocation* calls;
     size_t callCount;
+    bool hasRunPath; ///< or other ways of its own to find libraries
+    bool hasInheritedPath; ///< DT_RPATH: in effect for what its libraries load, too
 };
 
 /// One walk over all modules.
@@ -63,7 +70,17 @@ struct Walk {
     bool restores;
     Range cxxLibraries[kMaxRanges]; ///< code that a plain operator new is
     size_t cxxCount;
+    unsigned long long loads;
     Redirected result;
+};
+
+/// Who wants which library.
+struct Search {
+    const void* caller;
+    bool byName; ///< it is searched for
+    bool isFirst; ///< the module looked at is the program
+    bool isFound; ///< the caller is
+    bool isSpecial; ///< who the caller is matters
 };
 
 /// Pages that the loader made read-only, made writable for as long as this lives.
@@ -87,12 +104,26 @@ public:
     Unprotected(const Unprotected&) = delete;
     Unprotected& operator=(const Unprotected&) = delete;
 
-    bool makeWritable(uintptr_t place)
+    bool store(uintptr_t place, uintptr_t value)
     {
-        if (_writable || place < _begin || place >= _end)
-            return true;
-        _writable = ::mprotect(reinterpret_cast<void*>(_begin), _end - _begin, PROT_READ | PROT_WRITE) == 0;
-        return _writable;
+        auto* slot = reinterpret_cast<uintptr_t*>(place);
+        if (!_writable && place >= _begin && place < _end) {
+            // Another thread may be within the loader's work on this module: then the page is writable still, and has
+            // to stay so. The kernel writes as the page allows.
+            iovec local{&value, sizeof value};
+            iovec remote{slot, sizeof value};
+            const long written = raw::call(SYS_process_vm_writev, raw::call(SYS_getpid), raw::argument(&local), 1,
+                                           raw::argument(&remote), 1, 0);
+            if (written == sizeof value)
+                return true;
+            if (written != -EFAULT)
+                return false;
+            _writable = ::mprotect(reinterpret_cast<void*>(_begin), _end - _begin, PROT_READ | PROT_WRITE) == 0;
+            if (!_writable)
+                return false;
+        }
+        __atomic_store_n(slot, value, __ATOMIC_RELEASE);
+        return true;
     }
 
 private:
@@ -131,6 +162,10 @@ bool readModule(const dl_phdr_info& info, Module& module)
             module.calls = at<const Relocation>(module, entry->d_un.d_ptr);
         else if (entry->d_tag == DT_PLTRELSZ)
             module.callCount = entry->d_un.d_val / sizeof(Relocation);
+        else if (entry->d_tag == DT_RPATH)
+            module.hasInheritedPath = true;
+        else if (entry->d_tag == DT_RUNPATH || (entry->d_tag == DT_FLAGS_1 && (entry->d_un.d_val & DF_1_NODEFLIB) != 0))
+            module.hasRunPath = true;
     }
     return module.symbols && module.strings;
 }
@@ -197,17 +232,15 @@ void visit(Walk& walk, const Module& module, Unprotected& pages, const Relocatio
         walk.result.places += value == function->own; // done before
         return;
     }
-    if (!pages.makeWritable(place)) {
-        ++walk.result.refused;
-        return;
-    }
-    __atomic_store_n(slot, wanted, __ATOMIC_RELEASE);
-    ++walk.result.places;
+    const bool stored = pages.store(place, wanted);
+    walk.result.places += stored;
+    walk.result.refused += !stored;
 }
 
 int visitModule(dl_phdr_info* info, size_t, void* data)
 {
     auto& walk = *static_cast<Walk*>(data);
+    walk.loads = info->dlpi_adds;
     Module module;
     if (!readModule(*info, module) || isInSegment(module, reinterpret_cast<uintptr_t>(&functions), PF_W))
         return 0;
@@ -226,9 +259,12 @@ int lookAtModule(dl_phdr_info* info, size_t, void* data)
     Module module;
     if (!readModule(*info, module))
         return 0;
-    const bool isCxx =
-        info->dlpi_name && (::strstr(info->dlpi_name, "libstdc++") || ::strstr(info->dlpi_name, "libc++"));
-    for (size_t i = 0; isCxx && i < module.segmentCount && walk.cxxCount < kMaxRanges; ++i) {
+    const char* file = info->dlpi_name ? info->dlpi_name : ""; // the program's is empty
+    // An allocator that is a library of its own often has the operators, too, which do what its malloc does.
+    const bool isAllocator = file[0] != 0 && !::strstr(file, "/libc.so") && !::strstr(file, "/libc-")
+        && isInSegment(module, reinterpret_cast<uintptr_t>(realAllocator.malloc), PF_X);
+    const bool hasPlainOperators = isAllocator || ::strstr(file, "libstdc++") || ::strstr(file, "libc++");
+    for (size_t i = 0; hasPlainOperators && i < module.segmentCount && walk.cxxCount < kMaxRanges; ++i) {
         const ElfW(Phdr)& segment = module.segments[i];
         const uintptr_t begin = module.base + segment.p_vaddr;
         if (segment.p_type == PT_LOAD && (segment.p_flags & PF_X) != 0)
@@ -243,13 +279,50 @@ int lookAtModule(dl_phdr_info* info, size_t, void* data)
         if (symbol->st_shndx != SHN_UNDEF && (symbol->st_info & 0xf) == STT_FUNC && ::strncmp(name, "vnt", 3) != 0)
             functions[functionCount++] = {name, module.base + symbol->st_value, 0, name[0] == '_' && name[1] == 'Z'};
     }
+    for (const LoaderFunction& function : kLoaderFunctions) {
+        if (functionCount < kMaxFunctions)
+            functions[functionCount++] = {function.name, reinterpret_cast<uintptr_t>(function.own), 0, false};
+    }
     return 0;
+}
+
+/// A C++ library that is gone.
+void forgetUnloaded(const Walk& walk)
+{
+    for (size_t i = 0; i < functionCount; ++i) {
+        Function& function = functions[i];
+        if (function.isOperator && function.original != 0 && !isPlainOperator(walk, function.original))
+            function.original = 0;
+    }
+}
+
+int lookAtCaller(dl_phdr_info* info, size_t, void* data)
+{
+    auto& search = *static_cast<Search*>(data);
+    Module module;
+    if (!readModule(*info, module))
+        return 0;
+    if (isInSegment(module, reinterpret_cast<uintptr_t>(search.caller), PF_X)) {
+        search.isFound = true;
+        search.isSpecial |= search.byName && module.hasRunPath;
+    }
+    search.isSpecial |= !search.isFirst && module.hasInheritedPath; // the program's is in effect for everybody
+    search.isFirst = false;
+    return 0;
+}
+
+int countLoads(dl_phdr_info* info, size_t, void* data)
+{
+    *static_cast<unsigned long long*>(data) = info->dlpi_adds;
+    return 1;
 }
 
 void findOriginals(const Walk& walk)
 {
     for (size_t i = 0; i < functionCount; ++i) {
         Function& function = functions[i];
+        if (function.original != 0 || (function.isOperator && walk.cxxCount == 0))
+            continue; // each look-up takes the lock that whoever loads a module holds
         const auto found = reinterpret_cast<uintptr_t>(::dlsym(RTLD_DEFAULT, function.name));
         if (!found || isOwnCode(reinterpret_cast<void*>(found)))
             continue;
@@ -273,16 +346,45 @@ Redirected redirectModules()
 {
     Walk walk{};
     ::dl_iterate_phdr(lookAtModule, &walk);
+    forgetUnloaded(walk);
     findOriginals(walk); // outside the walk: it takes another of the loader's locks
     ::dl_iterate_phdr(visitModule, &walk);
+    loadsSeen = walk.loads;
     return walk.result;
+}
+
+bool hasNewModules()
+{
+    unsigned long long loads = 0;
+    ::dl_iterate_phdr(countLoads, &loads);
+    return loads != __atomic_load_n(&loadsSeen, __ATOMIC_RELAXED);
+}
+
+void redirectNewModules()
+{
+    Walk walk{};
+    ::dl_iterate_phdr(lookAtModule, &walk);
+    forgetUnloaded(walk);
+    ::dl_iterate_phdr(visitModule, &walk);
+    __atomic_store_n(&loadsSeen, walk.loads, __ATOMIC_RELAXED);
 }
 
 void restoreModules()
 {
     Walk walk{};
+    ::dl_iterate_phdr(lookAtModule, &walk);
+    forgetUnloaded(walk);
     walk.restores = true;
     ::dl_iterate_phdr(visitModule, &walk);
+}
+
+bool isFoundAlike(const char* file, const void* caller)
+{
+    if (::strchr(file, '$'))
+        return false;
+    Search search{caller, !::strchr(file, '/'), true, false, false};
+    ::dl_iterate_phdr(lookAtCaller, &search);
+    return search.isFound && !search.isSpecial;
 }
 
 void* redirectedFunction(const char* name)

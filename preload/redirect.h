@@ -17,6 +17,12 @@ struct Redirected {
 /// Every module that is loaded now; those done before are left as they are. Takes the loader's lock of its list; no
 /// allocation. Not from more than one thread at a time.
 Redirected redirectModules();
+/// The same again for those that were loaded since, without what may wait for a module's constructors.
+void redirectNewModules();
+/// Some were loaded since.
+bool hasNewModules();
+/// Whether the loader finds `file` (dlopen(3)) for this library by the same ways as for the code at `caller`.
+bool isFoundAlike(const char* file, const void* caller);
 /// Every place gets back what it led to.
 void restoreModules();
 /// What the places of that symbol led to before; null when none was changed.

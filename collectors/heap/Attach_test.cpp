@@ -2,9 +2,12 @@
 #include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -32,16 +35,28 @@ public:
         EXPECT_TRUE(status.ok()) << status.message();
         return {};
     }
-    void reportProblem(const std::string& text) override { ADD_FAILURE() << text; }
+    void reportProblem(const std::string& text) override { EXPECT_TRUE(expectsProblem) << text; }
+    bool expectsProblem = false;
     std::atomic<uint64_t> events{0};
     std::atomic<bool> attached{false};
+    /// Allocations of that size, of a program that makes such for nothing else.
+    std::atomic<uint64_t> ofPlugin{0};
+    std::atomic<uint64_t> ofChild{0};
+    std::atomic<bool> toldWithoutJournal{false};
 
 private:
-    void onAllocate(const heap::AllocateRecord&) override { ++events; }
+    void onAllocate(const heap::AllocateRecord& record) override
+    {
+        constexpr uint64_t kPluginBytes = 4327, kChildBytes = 5437; // tests/targets/heapchanges.cpp
+        ++events;
+        ofPlugin += record.sizeBytes == kPluginBytes;
+        ofChild += record.sizeBytes == kChildBytes;
+    }
     void onFree(uint64_t, heap::Function, uint32_t) override { ++events; }
     void onTarget(uint64_t, const heap::TargetRecord& target) override
     {
         attached = (target.flags & heap::TargetRecord::kAttached) != 0;
+        toldWithoutJournal = (target.flags & heap::TargetRecord::kNoJournal) != 0;
     }
     heap::HeapRecordReader _reader;
 };
@@ -144,6 +159,198 @@ INSTANTIATE_TEST_SUITE_P(Heap, Attach,
                          testing::Values(Busy{"heapbusy", "waits"}, Busy{"heapbusy", "spin"},
                                          Busy{"heapbusy32", "waits"}, Busy{"heapbusy32", "spin"}),
                          [](const auto& row) { return std::string(row.param.target) + "_" + row.param.mode; });
+
+/// Records heapchanges while the test tells it what to do.
+class AttachedChanges : public testing::TestWithParam<const char*> {
+protected:
+    void SetUp() override
+    {
+        const std::string program = std::string(VNT_TARGETS) + "/heapchanges" + GetParam();
+        if (!sys::statFile(program).ok())
+            GTEST_SKIP() << "needs a compiler for this width: apt-get install g++-multilib";
+        _target = std::make_unique<test::TalkingTarget>(std::vector<std::string>{program});
+        attach();
+    }
+    void attach()
+    {
+        _sink = std::make_unique<CountingSink>();
+        auto collector = attachTo(_target->pid(), *_sink, _observer);
+        ASSERT_TRUE(collector.ok()) << collector.status().message();
+        _collector = collector.take();
+        _collector->startCollection();
+    }
+    /// What it answers.
+    std::string tell(const std::string& command)
+    {
+        _target->say(command + "\n");
+        std::string said = _target->hearLine();
+        EXPECT_EQ(said.find("done"), 0U) << command << ": " << said;
+        return said;
+    }
+    /// With the directory of the targets, or without, so that the loader looks for it.
+    std::string plugin(const std::string& binding, bool withDirectory = true) const
+    {
+        return std::string(withDirectory ? VNT_TARGETS "/" : "") + "libheapplugin_" + binding + GetParam() + ".so";
+    }
+    void leave()
+    {
+        EXPECT_TRUE(_collector->stopCollection().ok());
+        _collector = nullptr;
+    }
+
+    std::unique_ptr<test::TalkingTarget> _target;
+    std::unique_ptr<CountingSink> _sink;
+    QuietObserver _observer;
+    std::unique_ptr<HeapCollector> _collector;
+};
+
+TEST_P(AttachedChanges, WhatLoadedLibrariesAllocateIsCountedExactly)
+{
+    (void)tell("load " + plugin("now"));
+    (void)tell("call 1000"); // by a pointer that the library gave when it was loaded
+    (void)tell("close");
+    (void)tell("load " + plugin("lazy"));
+    (void)tell("call 100");
+    leave();
+    EXPECT_EQ(_sink->ofPlugin, 1100U);
+    (void)tell("call 10"); // as before
+    EXPECT_EQ(_target->end(), 0);
+}
+
+/// A library that the loader finds by what stands in the program (DT_RUNPATH) is found, and recorded once it is used.
+TEST_P(AttachedChanges, ALibraryIsSearchedForOnBehalfOfWhoOpensIt)
+{
+    (void)tell("load " + plugin("now", /*withDirectory=*/false));
+    (void)tell("find");
+    (void)tell("call 1000");
+    leave();
+    EXPECT_EQ(_sink->ofPlugin, 1000U);
+    (void)tell("call 10");
+    EXPECT_EQ(_target->end(), 0);
+}
+
+/// Recorders come and go while libraries do; nothing is written to where one was.
+TEST_P(AttachedChanges, LibrariesThatComeAndGoMeetRecordersThatDo)
+{
+    (void)tell("churn " + plugin("now"));
+    for (int i = 0; i < rounds(20); ++i) {
+        ASSERT_TRUE(waitFor([this] { return _sink->ofPlugin > 30 || !_target->fate().empty(); })) << "round " << i;
+        leave();
+        ASSERT_EQ(_target->fate(), "") << "round " << i;
+        attach();
+    }
+    (void)tell("load " + plugin("lazy"));
+    (void)tell("close");
+    leave();
+    EXPECT_EQ(_target->end(), 0);
+}
+
+/// A call that is given up within the journal leaves nothing that the next one would wait for.
+TEST_P(AttachedChanges, ACallThatWaitsForALockIsGivenUp)
+{
+    leave();
+    (void)tell("hold");
+    const auto refused = attachTo(_target->pid(), *_sink, _observer);
+    EXPECT_NE(refused.status().message().find("a lock that is needed was not free in time"), std::string::npos)
+        << refused.status().message();
+    (void)tell("release");
+    attach();
+    (void)tell("load " + plugin("now"));
+    (void)tell("call 20");
+    leave();
+    EXPECT_EQ(_sink->ofPlugin, 20U);
+    EXPECT_EQ(_target->end(), 0);
+}
+
+TEST_P(AttachedChanges, ChildrenAreNotRecordedAndWork)
+{
+    EXPECT_EQ(tell("fork 500"), "done fork 0\n");
+    EXPECT_EQ(tell("vfork"), "done vfork 0\n");
+    EXPECT_EQ(tell("spawn"), "done spawn 0\n");
+    (void)tell("load " + plugin("now"));
+    EXPECT_EQ(tell("fork 500"), "done fork 0\n");
+    (void)tell("call 50"); // the program itself goes on
+    leave();
+    EXPECT_EQ(_sink->ofChild, 0U);
+    EXPECT_EQ(_sink->ofPlugin, 50U);
+    EXPECT_EQ(tell("fork 500"), "done fork 0\n");
+    EXPECT_EQ(_target->end(), 0);
+}
+
+TEST_P(AttachedChanges, AnExecutionEndsTheRecordingAndAnotherMayBegin)
+{
+    _sink->expectsProblem = true;
+    const std::string itself = std::string(VNT_TARGETS) + "/heapchanges" + GetParam();
+    for (const std::string& program : {itself, std::string(VNT_TARGETS) + "/heapbusy" + GetParam()}) {
+        _target->say("exec " + program + "\n");
+        EXPECT_NE(_target->hearLine(), ""); // the new program's first
+        EXPECT_TRUE(waitFor([this] { return _sink->toldWithoutJournal.load(); })) << program;
+        leave();
+        EXPECT_EQ(_target->maps().find("vantora-heap"), std::string::npos);
+        attach();
+        _sink->expectsProblem = true;
+    }
+    EXPECT_TRUE(waitFor([this] { return _sink->events > 500; }));
+    leave();
+    EXPECT_EQ(_target->end(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Heap, AttachedChanges, testing::Values("", "32"),
+                         [](const auto& row) { return std::string("heapchanges") + row.param; });
+
+/// A process in a mount namespace and below a root directory of its own, as in a container, in which the journal's file
+/// is not.
+TEST(AttachElsewhere, ATargetThatDoesNotSeeTheLibraryIsHandedIt)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs root to make a root directory";
+    const std::string root = testing::TempDir() + "/elsewhere-" + sys::randomHex(4);
+    ASSERT_EQ(::mkdir(root.c_str(), 0755), 0);
+    int ready[2];
+    ASSERT_EQ(::pipe2(ready, O_CLOEXEC), 0);
+    const pid_t target = ::fork();
+    if (target == 0) {
+        const std::string proc = root + "/proc";
+        const bool made = ::unshare(CLONE_NEWNS) == 0
+            && ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0
+            && ::mount("none", root.c_str(), "tmpfs", 0, nullptr) == 0 && ::mkdir(proc.c_str(), 0755) == 0
+            && ::mount("proc", proc.c_str(), "proc", 0, nullptr) == 0 && ::chroot(root.c_str()) == 0
+            && ::chdir("/") == 0;
+        (void)!::write(ready[1], made ? "y" : "n", 1);
+        for (;;) {
+            void* volatile block = ::malloc(4327);
+            ::free(block);
+            ::usleep(500);
+        }
+    }
+    char answer = 0;
+    ASSERT_EQ(::read(ready[0], &answer, 1), 1);
+    std::string path;
+    if (answer == 'y') {
+        for (int i = 0; i < 3; ++i) {
+            CountingSink sink;
+            QuietObserver observer;
+            auto collector = attachTo(target, sink, observer);
+            ASSERT_TRUE(collector.ok()) << collector.status().message();
+            collector.value()->startCollection();
+            EXPECT_TRUE(waitFor([&] { return sink.ofPlugin > 20; }));
+        }
+        const std::string directory = "/proc/" + std::to_string(target);
+        EXPECT_EQ(sys::readFile(directory + "/maps", size_t{16} << 20).take().find("vantora-heap"), std::string::npos);
+        for (const std::string& number : sys::listDirectory(directory + "/fd").take()) {
+            char link[4096] = {};
+            (void)!::readlink((directory + "/fd/" + number).c_str(), link, sizeof link - 1);
+            EXPECT_EQ(std::string(link).find("memfd"), std::string::npos) << link;
+        }
+    }
+    EXPECT_EQ(::kill(target, SIGKILL), 0);
+    EXPECT_EQ(::waitpid(target, nullptr, 0), target);
+    ::close(ready[0]);
+    ::close(ready[1]);
+    EXPECT_EQ(::rmdir(root.c_str()), 0);
+    if (answer != 'y')
+        GTEST_SKIP() << "needs the right to mount";
+}
 
 /// What cannot be attached to is refused with a sentence that says why, and is left as it was.
 TEST(AttachRefused, WithASentence)

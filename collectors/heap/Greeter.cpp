@@ -14,6 +14,7 @@ namespace {
 constexpr int kBacklog = 128; // a journal that finds it full stays quiet
 /// The greeting is sent right after connecting; a process that does not is not waited for long, others are in the line.
 constexpr std::chrono::milliseconds kHelloDeadline{200};
+constexpr size_t kMaxAuxiliaryBytes = 8192;
 
 Result<UniqueFd> listenAbstract(const std::string& name)
 {
@@ -61,10 +62,12 @@ std::string nameOfProcess(pid_t pid)
     return text;
 }
 
-Result<std::pair<dev_t, ino_t>> programOf(pid_t pid)
+Result<ProgramIdentity> programOf(pid_t pid)
 {
-    ASSIGN_OR_RETURN(const struct stat file, sys::statFile("/proc/" + std::to_string(pid) + "/exe"));
-    return std::pair(file.st_dev, file.st_ino);
+    const std::string directory = "/proc/" + std::to_string(pid);
+    ASSIGN_OR_RETURN(const struct stat file, sys::statFile(directory + "/exe"));
+    auto vector = sys::readFile(directory + "/auxv", kMaxAuxiliaryBytes);
+    return ProgramIdentity{file.st_dev, file.st_ino, vector.ok() ? vector.take() : std::string()};
 }
 
 Greeter::Greeter(const Options& options, std::function<void(Greeting)> onGreeting)

@@ -13,8 +13,20 @@
 
 namespace vnt {
 
-/// The file that a process executes: device and inode. Errors: kDenied when it is another user's now.
-Result<std::pair<dev_t, ino_t>> programOf(pid_t pid);
+/// What a process executes.
+struct ProgramIdentity {
+    dev_t device = 0;
+    ino_t inode = 0;
+    std::string vector; ///< getauxval(3): holds addresses that differ from one execution to the next; empty: not known
+
+    [[nodiscard]] bool isOther(const ProgramIdentity& now) const
+    {
+        return device != now.device || inode != now.inode
+            || (!vector.empty() && !now.vector.empty() && vector != now.vector);
+    }
+};
+/// Errors: kDenied when it is another user's now.
+Result<ProgramIdentity> programOf(pid_t pid);
 /// Its short name, as the kernel has it; empty when it is gone.
 std::string nameOfProcess(pid_t pid);
 
@@ -26,7 +38,7 @@ struct Greeting {
     bool again = false; ///< the same process runs another program now (execve(2))
     uint64_t timeNs = 0; ///< before anything of it can be in the rings
     std::string name;
-    std::optional<std::pair<dev_t, ino_t>> program; ///< as programOf() said while the target waited
+    std::optional<ProgramIdentity> program; ///< as programOf() said while the target waited
     UniqueFd pidFd;
     std::unique_ptr<JournalReader> reader;
 };

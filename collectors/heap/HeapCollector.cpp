@@ -97,7 +97,7 @@ private:
     uint64_t _lastHouseworkNs = 0;
     uint64_t _lastCostNs = 0;
     bool _toldOff = false;
-    std::optional<std::pair<dev_t, ino_t>> _program; ///< the file that the target executes
+    std::optional<ProgramIdentity> _program; ///< what the target executes
     int _changedLooks = 0; ///< at a target that executes another, without a greeting
     UniqueFd _wake; ///< eventfd: something came while there is no target
     std::atomic<pid_t> _pid{0};
@@ -388,7 +388,8 @@ void JournalCollector::watchProgram()
 {
     const pid_t pid = _reader->pid();
     const auto program = programOf(pid);
-    const bool changed = _program && (program.ok() ? program.value() != *_program : program.code() == Code::kDenied);
+    const bool changed =
+        _program && (program.ok() ? _program->isOther(program.value()) : program.code() == Code::kDenied);
     _changedLooks = changed ? _changedLooks + 1 : 0;
     if (_changedLooks < kLooksForGreeting)
         return;
@@ -397,7 +398,8 @@ void JournalCollector::watchProgram()
     target.pid = static_cast<uint32_t>(pid);
     target.flags = heap::TargetRecord::kNoJournal;
     _recording.beginProgram(sys::monotonicNs(), target);
-    _sink.reportProblem("the target executes another program now, which did not load the journal");
+    _sink.reportProblem(_attachedPid != 0 ? "the target executes another program now: attach to it anew to record that"
+                                          : "the target executes another program now, which did not load the journal");
 }
 
 void JournalCollector::endTarget(bool replaced)

@@ -6,6 +6,7 @@
 
 #include <thread>
 
+#include "collectors/heap/JournalFile.h"
 #include "collectors/inject/Injection.h"
 #include "platform/base/sys.h"
 #include "records/HeapJournal.h"
@@ -14,9 +15,6 @@ namespace vnt {
 namespace {
 
 constexpr std::string_view kLibrary = "libVntHeapJournal.so";
-/// What the loader puts for $LIB, by width; each distribution has its own.
-constexpr const char* kDirectories64[] = {"lib/x86_64-linux-gnu", "lib64"};
-constexpr const char* kDirectories32[] = {"lib32", "lib/i386-linux-gnu", "lib"};
 /// More than two beats of a collector that lives (journal::Shared::beat).
 constexpr std::chrono::milliseconds kDeadAfter{700};
 constexpr int kTriesForStraying = 20;
@@ -41,35 +39,6 @@ const RemoteModule* findJournal(const RemoteProcess& process)
 }
 
 std::string subject(BorrowedThread& thread) { return "process " + std::to_string(thread.process().pid()); }
-
-/// The file that the target's loader finds by the path that it has here; another mount namespace may hide it.
-Result<std::string> pathFor(const std::string& directory, BorrowedThread& thread)
-{
-    std::string path;
-    for (const char* place : thread.is32Bit() ? std::span<const char* const>(kDirectories32)
-                                              : std::span<const char* const>(kDirectories64)) {
-        const std::string candidate = directory + "/" + place + "/" + std::string(kLibrary);
-        if (sys::statFile(candidate).ok()) {
-            path = candidate;
-            break;
-        }
-    }
-    if (path.empty())
-        return Status(Code::kUnsupported,
-                      subject(thread)
-                          + (thread.is32Bit() ? " is a 32-bit program, and the journal for such is not installed"
-                                              : " cannot be recorded: the journal is not installed"));
-    if (path.size() >= BorrowedThread::kScratchBytes)
-        return Status(Code::kTooLarge, "the path of the journal's library is too long");
-    const auto here = sys::statFile(path);
-    const auto there = sys::statFile("/proc/" + std::to_string(thread.process().pid()) + "/root" + path);
-    if (!here.ok() || !there.ok() || here.value().st_ino != there.value().st_ino
-        || here.value().st_dev != there.value().st_dev)
-        return Status(Code::kUnsupported,
-                      subject(thread) + " does not see the journal's library (" + path
-                          + "): it runs in another root directory or container");
-    return path;
-}
 
 Result<const RemoteModule*> libcOf(const RemoteProcess& process)
 {
@@ -100,20 +69,25 @@ Status callLoader(BorrowedThread& thread, const std::string& path, uint64_t mode
 Status load(BorrowedThread& thread, const std::string& directory)
 {
     if (const RemoteModule* journal = findJournal(thread.process())) {
-        // Another thread may be loading it still, for a recorder that was killed: the loader lets us in when it is
-        // done.
+        uint32_t ready = 0;
+        const auto place = thread.process().function(*journal, "vntJournalReady");
+        if (place.ok() && thread.process().read(place.value(), &ready, sizeof ready).ok() && ready == 1)
+            return {};
+        // Another thread loads it still, for a recorder that was killed: the loader lets us in when it is done.
         std::string path = journal->path;
         path.resize(path.rfind('/') + 1);
         path += kLibrary;
         return path.size() < BorrowedThread::kScratchBytes ? callLoader(thread, path, RTLD_NOW | RTLD_NOLOAD)
                                                            : Status();
     }
-    ASSIGN_OR_RETURN(const std::string path, pathFor(directory, thread));
-    RETURN_IF_ERROR(callLoader(thread, path, RTLD_NOW | RTLD_LOCAL));
+    ASSIGN_OR_RETURN(const JournalFile file, JournalFile::bring(thread, directory));
+    const Status loaded = callLoader(thread, file.path(), RTLD_NOW | RTLD_LOCAL);
+    file.takeAway(thread);
+    RETURN_IF_ERROR(loaded);
     if (findJournal(thread.process()))
         return {};
     return Status(Code::kSystem,
-                  subject(thread) + " cannot load the journal: its loader refused " + path
+                  subject(thread) + " cannot load the journal: its loader refused " + file.path()
                       + " (it may not be allowed to read it, or has no thread-local memory left)");
 }
 

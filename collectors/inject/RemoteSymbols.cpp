@@ -121,7 +121,8 @@ Result<uint64_t> find(const RemoteProcess& process, const RemoteModule& module, 
             RETURN_IF_ERROR(process.read(tables.symbols + uint64_t{number} * sizeof symbol, &symbol, sizeof symbol));
             char text[kMaxName + 1] = {};
             const bool known = process.read(tables.strings + symbol.st_name, text, name.size() + 1).ok();
-            if (known && name == text && symbol.st_shndx != SHN_UNDEF && ELF64_ST_TYPE(symbol.st_info) == STT_FUNC)
+            const auto type = ELF64_ST_TYPE(symbol.st_info);
+            if (known && name == text && symbol.st_shndx != SHN_UNDEF && (type == STT_FUNC || type == STT_OBJECT))
                 return tables.bias + symbol.st_value;
         }
         if (chained & 1)

@@ -7,8 +7,8 @@
 
 namespace vnt {
 
-/// Address of an exported function, by the module's own dynamic symbol table and hash table as they are mapped, so that
-/// removed files and files of other mount namespaces are no matter. A handful of small reads.
+/// Address of an exported function or variable, by the module's own dynamic symbol table and hash table as they are
+/// mapped, so that removed files and files of other mount namespaces are no matter. A handful of small reads.
 Result<uint64_t> findRemoteFunction(const RemoteProcess& process, const RemoteModule& module, std::string_view name);
 
 } // namespace vnt

@@ -220,15 +220,11 @@ std::unique_ptr<Tool> recordProcess(const std::string& bundle, pid_t pid)
     return tool;
 }
 
-TEST_P(HeapOf, AProcessThatRunsIsRecordedExactlyAndLeftAsItWas)
+/// A program that is attached to, asked for its blocks and left.
+void expectAttachedTruth(const std::string& program, const std::string& name, bool is32Bit)
 {
-    if (std::string_view(GetParam().target).ends_with("32"))
-        GTEST_SKIP() << "a 32-bit program is not attached to";
-    const std::string program = targetPath(GetParam().target);
-    if (!std::filesystem::exists(program))
-        GTEST_SKIP() << "needs a compiler for this width: apt-get install g++-multilib";
     TalkingTarget target({program, "attach"});
-    const std::string bundle = place(std::string("attached-") + GetParam().target);
+    const std::string bundle = place("attached-" + name);
     const auto tool = recordProcess(bundle, target.pid());
     target.say("\n");
     const std::string said = target.hear("done");
@@ -237,7 +233,7 @@ TEST_P(HeapOf, AProcessThatRunsIsRecordedExactlyAndLeftAsItWas)
     ASSERT_EQ(run.status, 0) << run.err << run.out;
     const json heap = heapReport(bundle);
     EXPECT_EQ(heap["attached"], true);
-    EXPECT_EQ(heap["is_32_bit"], GetParam().is32Bit);
+    EXPECT_EQ(heap["is_32_bit"], is32Bit);
     expectTruth(heap, said);
     EXPECT_EQ(siteOf(heap, "plainBlocks")["callers"].at(0), "deterministic()");
     EXPECT_TRUE(siteOf(heap, "earlyBlocks").is_null()); // before
@@ -247,6 +243,60 @@ TEST_P(HeapOf, AProcessThatRunsIsRecordedExactlyAndLeftAsItWas)
     EXPECT_EQ(target.maps().find("vantora-heap"), std::string::npos);
     EXPECT_EQ(target.end(), 0);
 }
+
+TEST_P(HeapOf, AProcessThatRunsIsRecordedExactlyAndLeftAsItWas)
+{
+    const std::string program = targetPath(GetParam().target);
+    if (!std::filesystem::exists(program))
+        GTEST_SKIP() << "needs a compiler for this width: apt-get install g++-multilib";
+    expectAttachedTruth(program, GetParam().target, GetParam().is32Bit);
+}
+
+struct Allocator {
+    const char* name;
+    const char* library;
+    friend void PrintTo(const Allocator& allocator, std::ostream* out) { *out << allocator.name; }
+};
+
+/// Allocators that are a library of their own, with their own operator new.
+class HeapWithAllocator : public testing::TestWithParam<Allocator> {
+protected:
+    void SetUp() override
+    {
+        if (!std::filesystem::exists(GetParam().library))
+            GTEST_SKIP() << "needs " << GetParam().name << ": scripts/install-packages tests";
+    }
+};
+
+TEST_P(HeapWithAllocator, PreloadedIntoALaunchedProgram)
+{
+    const std::string bundle = place(std::string("preloaded-") + GetParam().name);
+    ToolRun run;
+    run.arguments = {programPath("rumbel"),      "record", "-i", "heaprecorder", "-o", bundle, "--",
+                     targetPath("heaptruth_any")};
+    run.environment = {std::string("LD_PRELOAD=") + GetParam().library};
+    const ToolResult result = Tool(run).wait();
+    ASSERT_EQ(result.status, 0) << result.err << result.out;
+    expectTruth(heapReport(bundle), result.out);
+}
+
+TEST_P(HeapWithAllocator, LinkedToALaunchedProgram)
+{
+    const std::string bundle = place(std::string("linked-") + GetParam().name);
+    const ToolResult result = record(bundle, {targetPath(std::string("heaptruth_") + GetParam().name)});
+    ASSERT_EQ(result.status, 0) << result.err << result.out;
+    expectTruth(heapReport(bundle), result.out);
+}
+
+TEST_P(HeapWithAllocator, LinkedToAProcessThatRuns)
+{
+    const std::string name = std::string("heaptruth_") + GetParam().name;
+    expectAttachedTruth(targetPath(name), name, false);
+}
+
+INSTANTIATE_TEST_SUITE_P(Heap, HeapWithAllocator,
+                         testing::Values(Allocator{"jemalloc", VNT_JEMALLOC}, Allocator{"mimalloc", VNT_MIMALLOC}),
+                         [](const auto& row) { return std::string(row.param.name); });
 
 TEST(Heap, AStaticProcessIsRefusedWithTheReason)
 {

@@ -22,6 +22,8 @@ public:
     void say(const std::string& text);
     /// What it says, up to and with the line; a failure when it ends before.
     std::string hear(const std::string& line);
+    /// The next line that it says.
+    std::string hearLine() { return hear(""); }
     /// Empty while it runs; else how it ended.
     [[nodiscard]] std::string fate() const;
     /// The exit status after its input has ended; -1 for another end, or when it hangs.

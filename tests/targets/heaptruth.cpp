@@ -115,7 +115,11 @@ OWN void alignedBlocks()
         ::free(block);
         sink = block = ::valloc(1);
         ::free(block);
+#ifdef VNT_WITHOUT_PVALLOC // another allocator than libc's, which may lack this one
+        sink = block = ::valloc(4096);
+#else
         sink = block = ::pvalloc(4096);
+#endif
         ::free(block);
     }
     say("alignedBlocks", 50, 10 * (300 + 640 + 5 + 1 + 4096), 0);
