@@ -9,6 +9,7 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <thread>
+#include <time.h>
 #include <unistd.h>
 
 #include "collectors/common/family.h"
@@ -175,24 +176,146 @@ TEST_P(StackSamplerTest, PauseSendsEverythingAndNothingFollowsUntilUnpause)
     ASSERT_TRUE(sampler.stop().ok());
 }
 
-TEST_P(StackSamplerTest, AWindowIsSentAtPause)
+/// Processor time that a process has used.
+uint64_t cpuNsOf(pid_t pid)
 {
-    Recording recording;
-    Target target(Target::Begin::kRunning, "60000");
-    StackSamplerOptions options = optionsFor(target.pid());
-    options.windowNs = 100'000'000;
-    auto started = startStackSampler(options, recording, nullptr, GetParam());
-    ASSERT_TRUE(started.ok()) << started.status().message();
-    const uint64_t untilNs = sys::monotonicNs() + 1'000'000'000;
-    while (sys::monotonicNs() < untilNs) // several windows pass; the target works meanwhile, and so may we
-        ASSERT_EQ(recording.samplesSoFar(), 0u);
-    for (int i = 0; i < 2; ++i) {
-        ASSERT_TRUE(started.value()->pause().ok());
-        EXPECT_LE(recording.samples, 500u) << "100 ms at 1 kHz, and what came until pausing took hold";
-        ASSERT_TRUE(started.value()->unpause().ok());
+    clockid_t clock = 0;
+    timespec used{};
+    if (::clock_getcpuclockid(pid, &clock) != 0 || ::clock_gettime(clock, &used) != 0)
+        return 0;
+    return static_cast<uint64_t>(used.tv_sec) * 1'000'000'000U + static_cast<uint64_t>(used.tv_nsec);
+}
+
+/// Until each of `processes` used a moment's processor time within the last two seconds, however busy the machine is.
+bool waitUntilTheyWorked(const std::vector<pid_t>& processes)
+{
+    const uint64_t deadlineNs = sys::monotonicNs() + 60'000'000'000;
+    while (sys::monotonicNs() < deadlineNs) {
+        const uint64_t beginNs = sys::monotonicNs();
+        std::vector<uint64_t> before;
+        for (const pid_t pid : processes)
+            before.push_back(cpuNsOf(pid));
+        while (sys::monotonicNs() < beginNs + 2'000'000'000) {
+            size_t worked = 0;
+            for (size_t i = 0; i < processes.size(); ++i)
+                worked += cpuNsOf(processes[i]) > before[i] + 10'000'000;
+            if (worked == processes.size())
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
     }
-    EXPECT_GT(recording.samples, 0u);
-    ASSERT_TRUE(started.value()->stop().ok());
+    return false;
+}
+
+/// A target and the child that it starts; both work until they are killed.
+class Family {
+public:
+    explicit Family(Target::Begin begin) : _target(begin, "60000", "fork") { }
+    Family(const Family&) = delete;
+    Family& operator=(const Family&) = delete;
+    ~Family()
+    {
+        if (_child > 0)
+            ::kill(_child, SIGKILL);
+    }
+    /// Goes on, if it was stopped, and waits for the child.
+    bool begin()
+    {
+        _target.resume();
+        _target.line();
+        const uint64_t deadlineNs = sys::monotonicNs() + 60'000'000'000;
+        while (processesOfFamily(_target.pid()).size() < 2) {
+            if (sys::monotonicNs() > deadlineNs)
+                return false;
+        }
+        _child = processesOfFamily(_target.pid()).back();
+        return true;
+    }
+    [[nodiscard]] std::vector<pid_t> processes() const { return {_target.pid(), _child}; }
+
+private:
+    Target _target;
+    pid_t _child = 0;
+};
+
+/// Samples of `pid` that are not before `beginNs`; -1 when there are others.
+long samplesSince(const Recording& recording, pid_t pid, uint64_t beginNs)
+{
+    const auto found = recording.timesNs.find(static_cast<uint32_t>(pid));
+    if (found == recording.timesNs.end())
+        return 0;
+    const auto& times = found->second;
+    return std::all_of(times.begin(), times.end(), [beginNs](uint64_t timeNs) { return timeNs >= beginNs; })
+        ? static_cast<long>(times.size())
+        : -1;
+}
+
+std::vector<StackSamplerOptions> scopesOf(pid_t pid, Placement placement)
+{
+    std::vector<StackSamplerOptions> scopes{optionsFor(pid)};
+    if (placement == Placement::kProcessors) {
+        scopes.push_back(optionsFor(pid));
+        scopes.back().allProcesses = true;
+    }
+    return scopes;
+}
+
+TEST_P(StackSamplerTest, AWindowHoldsTheLatestOfEveryProcess)
+{
+    Family family(Target::Begin::kRunning);
+    ASSERT_TRUE(family.begin());
+    for (StackSamplerOptions options : scopesOf(family.processes().front(), *GetParam())) {
+        options.windowNs = 4'000'000'000;
+        Recording recording;
+        auto started = startStackSampler(options, recording, nullptr, GetParam());
+        ASSERT_TRUE(started.ok()) << started.status().message();
+        StackSampler& sampler = *started.value();
+        // What they do now is older than the window when it is sent.
+        ASSERT_TRUE(waitUntilTheyWorked(family.processes()));
+        const uint64_t passedNs = sys::monotonicNs() + options.windowNs;
+        while (sys::monotonicNs() < passedNs)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        for (int round = 0; round < 2; ++round) {
+            ASSERT_TRUE(waitUntilTheyWorked(family.processes()));
+            EXPECT_EQ(recording.samplesSoFar(), 0u) << "nothing before a pause";
+            const uint64_t pauseNs = sys::monotonicNs();
+            ASSERT_TRUE(sampler.pause().ok());
+            for (const pid_t pid : family.processes())
+                EXPECT_GT(samplesSince(recording, pid, pauseNs - options.windowNs), 0) << "round " << round;
+            ASSERT_TRUE(sampler.unpause().ok());
+            recording.timesNs.clear();
+            recording.samples = 0;
+        }
+        ASSERT_TRUE(sampler.stop().ok());
+    }
+}
+
+TEST_P(StackSamplerTest, APauseHoldsForEveryProcess)
+{
+    for (const bool isAll : {false, true}) {
+        if (isAll && *GetParam() == Placement::kThreads)
+            continue;
+        Family family(Target::Begin::kStopped);
+        const auto scopes = scopesOf(family.processes().front(), *GetParam());
+        Recording recording;
+        auto started = startStackSampler(scopes[isAll], recording, nullptr, GetParam());
+        ASSERT_TRUE(started.ok()) << started.status().message();
+        StackSampler& sampler = *started.value();
+        // The child begins while sampling is paused, and is sampled from the pause's end on like its parent.
+        ASSERT_TRUE(sampler.pause().ok());
+        ASSERT_TRUE(family.begin());
+        ASSERT_TRUE(waitUntilTheyWorked(family.processes()));
+        const uint64_t unpauseNs = sys::monotonicNs();
+        ASSERT_TRUE(sampler.unpause().ok());
+        ASSERT_TRUE(waitUntilTheyWorked(family.processes()));
+        ASSERT_TRUE(sampler.pause().ok());
+        for (const pid_t process : family.processes())
+            EXPECT_GT(samplesSince(recording, process, unpauseNs), 0);
+        const size_t samples = recording.samples;
+        ASSERT_TRUE(waitUntilTheyWorked(family.processes()));
+        ASSERT_TRUE(sampler.stop().ok());
+        EXPECT_EQ(recording.samples, samples) << "what they did in the pause";
+    }
 }
 
 TEST_P(StackSamplerTest, DestructionWithoutStopEndsIt)

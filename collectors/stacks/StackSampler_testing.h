@@ -78,6 +78,7 @@ public:
         ++byPid[sample.thread->pid];
         tids.insert(sample.thread->tid);
         names.insert(sample.thread->name);
+        timesNs[sample.thread->pid].push_back(sample.timeNs);
         firstNs = std::min(firstNs, sample.timeNs);
         lastNs = std::max(lastNs, sample.timeNs);
         sampled.push_back(framesOf(sample));
@@ -130,6 +131,7 @@ public:
 
     std::vector<std::vector<uint64_t>> sampled, waits; ///< the stacks
     uint64_t firstNs = UINT64_MAX, lastNs = 0; ///< of samples
+    std::map<uint32_t, std::vector<uint64_t>> timesNs; ///< likewise, by process
     std::map<std::string, uint64_t> blockedNs; ///< by thread name
     std::map<uint32_t, size_t> byPid;
     std::set<uint32_t> tids, exits;
