@@ -277,6 +277,31 @@ TEST_P(AttachedChanges, ChildrenAreNotRecordedAndWork)
     EXPECT_EQ(_target->end(), 0);
 }
 
+/// What the child has of its parent's recording gives way to its own.
+TEST_P(AttachedChanges, AChildMayBeAttachedToBesideItsParent)
+{
+    const pid_t child = std::stoi(tell("child").substr(std::string("done child ").size()));
+    const auto mappings = [child] {
+        const std::string maps = sys::readFile("/proc/" + std::to_string(child) + "/maps", size_t{16} << 20).take();
+        int count = 0;
+        for (size_t at = maps.find("vantora-heap"); at != std::string::npos; at = maps.find("vantora-heap", at + 1))
+            ++count;
+        return count;
+    };
+    EXPECT_EQ(mappings(), 1); // its parent's, that nothing in it leads to
+    CountingSink sink;
+    auto collector = attachTo(child, sink, _observer);
+    ASSERT_TRUE(collector.ok()) << collector.status().message();
+    collector.value()->startCollection();
+    EXPECT_TRUE(waitFor([&sink] { return sink.ofChild > 20; }));
+    EXPECT_EQ(mappings(), 1);
+    collector.value() = nullptr;
+    EXPECT_EQ(mappings(), 0);
+    leave();
+    EXPECT_EQ(_sink->ofChild, 0U);
+    EXPECT_EQ(_target->end(), 0);
+}
+
 TEST_P(AttachedChanges, AnExecutionEndsTheRecordingAndAnotherMayBegin)
 {
     _sink->expectsProblem = true;
