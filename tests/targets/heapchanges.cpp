@@ -5,11 +5,9 @@
 //   call N      the library's function makes N blocks and frees them
 //   close       closes the library
 //   churn FILE  opens, uses and closes it over and over in a thread, until the program ends
-//   hold, release  a thread keeps the lock of the loader's list (dl_iterate_phdr(3)) from one to the other
-//   fork N      a child makes N blocks of its own
-//   child       a child makes blocks for as long as the program runs; the result is its id
-//   vfork, spawn   a child executes /bin/true
-//   exec FILE   the program becomes this one
+//   hold, release  a thread keeps the lock of the loader's list (dl_iterate_phdr(3)) from one to the other, or to
+//   SIGUSR1 fork N      a child makes N blocks of its own child       a child makes blocks for as long as the program
+//   runs; the result is its id vfork, spawn   a child executes /bin/true exec FILE   the program becomes this one
 // and ends with its input. Blocks are of kPluginBytes, those of a child of kChildBytes.
 
 #include <dlfcn.h>
@@ -139,6 +137,7 @@ int main()
     pthread_t thread{};
     pthread_t holder{};
     bool churns = false;
+    ::signal(SIGUSR1, [](int) { isHeld = false; });
     answer("begin", 0);
     while (::fgets(line, sizeof line, stdin)) {
         line[::strcspn(line, "\n")] = 0;
