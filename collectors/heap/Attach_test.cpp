@@ -262,6 +262,37 @@ TEST_P(AttachedChanges, ACallThatWaitsForALockIsGivenUp)
     EXPECT_EQ(_target->end(), 0);
 }
 
+/// A killed recorder's call goes on by itself: the next one's does nothing meanwhile.
+TEST_P(AttachedChanges, ACallThatAKilledRecorderLeftIsWaitedFor)
+{
+    leave();
+    (void)tell("hold");
+    const pid_t recorder = ::fork();
+    if (recorder == 0) {
+        (void)attachTo(_target->pid(), *_sink, _observer);
+        ::_exit(0);
+    }
+    const std::string task = "/proc/" + std::to_string(_target->pid()) + "/task/" + std::to_string(_target->pid());
+    const std::string futex = std::string_view(GetParam()) == "32" ? "240 " : "202 ";
+    const auto waits = [&] { return sys::readFile(task + "/syscall", 512).take().starts_with(futex); };
+    EXPECT_TRUE(waitFor(waits)); // within the call, for the lock
+    ::kill(recorder, SIGKILL);
+    ::waitpid(recorder, nullptr, 0);
+    const auto refused = attachTo(_target->pid(), *_sink, _observer);
+    EXPECT_NE(refused.status().message().find("has not finished what an earlier recorder began"), std::string::npos)
+        << refused.status().message();
+    EXPECT_TRUE(waits());
+    ::kill(_target->pid(), SIGUSR1);
+    EXPECT_TRUE(waitFor([&] { return !waits(); }));
+    attach();
+    (void)tell("load " + plugin("now"));
+    (void)tell("call 20");
+    leave();
+    EXPECT_EQ(_sink->ofPlugin, 20U);
+    EXPECT_EQ(_target->maps().find("vantora-heap"), std::string::npos);
+    EXPECT_EQ(_target->end(), 0);
+}
+
 TEST_P(AttachedChanges, ChildrenAreNotRecordedAndWork)
 {
     EXPECT_EQ(tell("fork 500"), "done fork 0\n");
@@ -274,6 +305,31 @@ TEST_P(AttachedChanges, ChildrenAreNotRecordedAndWork)
     EXPECT_EQ(_sink->ofChild, 0U);
     EXPECT_EQ(_sink->ofPlugin, 50U);
     EXPECT_EQ(tell("fork 500"), "done fork 0\n");
+    EXPECT_EQ(_target->end(), 0);
+}
+
+/// What the child has of its parent's recording gives way to its own.
+TEST_P(AttachedChanges, AChildMayBeAttachedToBesideItsParent)
+{
+    const pid_t child = std::stoi(tell("child").substr(std::string("done child ").size()));
+    const auto mappings = [child] {
+        const std::string maps = sys::readFile("/proc/" + std::to_string(child) + "/maps", size_t{16} << 20).take();
+        int count = 0;
+        for (size_t at = maps.find("vantora-heap"); at != std::string::npos; at = maps.find("vantora-heap", at + 1))
+            ++count;
+        return count;
+    };
+    EXPECT_EQ(mappings(), 1); // its parent's, that nothing in it leads to
+    CountingSink sink;
+    auto collector = attachTo(child, sink, _observer);
+    ASSERT_TRUE(collector.ok()) << collector.status().message();
+    collector.value()->startCollection();
+    EXPECT_TRUE(waitFor([&sink] { return sink.ofChild > 20; }));
+    EXPECT_EQ(mappings(), 1);
+    collector.value() = nullptr;
+    EXPECT_EQ(mappings(), 0);
+    leave();
+    EXPECT_EQ(_sink->ofChild, 0U);
     EXPECT_EQ(_target->end(), 0);
 }
 

@@ -5,19 +5,20 @@
 //   call N      the library's function makes N blocks and frees them
 //   close       closes the library
 //   churn FILE  opens, uses and closes it over and over in a thread, until the program ends
-//   hold, release  a thread keeps the lock of the loader's list (dl_iterate_phdr(3)) from one to the other
-//   fork N      a child makes N blocks of its own
-//   vfork, spawn   a child executes /bin/true
-//   exec FILE   the program becomes this one
+//   hold, release  a thread keeps the lock of the loader's list (dl_iterate_phdr(3)) from one to the other, or to
+//   SIGUSR1 fork N      a child makes N blocks of its own child       a child makes blocks for as long as the program
+//   runs; the result is its id vfork, spawn   a child executes /bin/true exec FILE   the program becomes this one
 // and ends with its input. Blocks are of kPluginBytes, those of a child of kChildBytes.
 
 #include <dlfcn.h>
 #include <link.h>
 #include <pthread.h>
+#include <signal.h>
 #include <spawn.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -91,6 +92,19 @@ int forked(int blocks)
     ::_exit(0);
 }
 
+int lastingChild()
+{
+    const pid_t child = ::fork();
+    if (child != 0)
+        return child;
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    for (;;) {
+        void* volatile block = ::malloc(kChildBytes);
+        ::free(block);
+        ::usleep(500);
+    }
+}
+
 int vforked()
 {
     const pid_t child = ::vfork();
@@ -123,6 +137,7 @@ int main()
     pthread_t thread{};
     pthread_t holder{};
     bool churns = false;
+    ::signal(SIGUSR1, [](int) { isHeld = false; });
     answer("begin", 0);
     while (::fgets(line, sizeof line, stdin)) {
         line[::strcspn(line, "\n")] = 0;
@@ -148,6 +163,8 @@ int main()
         } else if (is(line, "release")) {
             isHeld = false;
             result = ::pthread_join(holder, nullptr);
+        } else if (is(line, "child")) {
+            result = lastingChild();
         } else if (is(line, "fork")) {
             result = forked(::atoi(rest));
         } else if (is(line, "vfork")) {
