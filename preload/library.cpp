@@ -3,6 +3,7 @@
 
 #include <errno.h>
 
+#include "preload/counting.h"
 #include "preload/journal.h"
 #include "preload/real.h"
 
@@ -12,6 +13,7 @@ __attribute__((constructor)) void begin(int, char**, char** environment) // argu
 {
     const int error = errno;
     (void)vnt::haveReal();
+    vnt::findCountingFunctions();
     vnt::journal::greetCollector(environment);
     errno = error;
 }

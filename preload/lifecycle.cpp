@@ -144,6 +144,7 @@ int32_t attach(AttachRequest& request)
     if (!memory.shared)
         return kJournalUnsound;
     if (isLate()) {
+        redirectCounting((request.eventsMask & kCountEvents) != 0);
         const Redirected redirected = redirectModules();
         request.redirected = redirected.places;
         request.refused = redirected.refused;

@@ -6,6 +6,8 @@
 #include <string.h>
 #include <sys/mman.h>
 
+#include "preload/counting.h"
+#include "preload/definitions.h"
 #include "preload/real.h"
 
 namespace vnt {
@@ -36,9 +38,11 @@ struct Function {
     uintptr_t own;
     uintptr_t original; ///< 0: not known
     bool isOperator; ///< of the C++ language
+    bool isCounting; ///< see counting.h
 };
 Function functions[kMaxFunctions];
 size_t functionCount;
+bool redirectsCounting;
 
 struct Range {
     uintptr_t begin;
@@ -169,6 +173,8 @@ bool isPlainOperator(const Walk& walk, uintptr_t address)
 bool leadsToOriginal(const Walk& walk, const Module& module, Function& function, bool isCall, bool isDefined,
                      uintptr_t value)
 {
+    if (function.isCounting && !redirectsCounting)
+        return false;
     if (isCall && !isDefined && isInSegment(module, value, PF_X))
         return function.original != 0;
     if (function.isOperator && function.original == 0 && isPlainOperator(walk, value))
@@ -240,8 +246,9 @@ int lookAtModule(dl_phdr_info* info, size_t, void* data)
     const auto* end = reinterpret_cast<const ElfW(Sym)*>(module.strings);
     for (const ElfW(Sym)* symbol = module.symbols + 1; symbol + 1 <= end && functionCount < kMaxFunctions; ++symbol) {
         const char* name = module.strings + symbol->st_name;
-        if (symbol->st_shndx != SHN_UNDEF && (symbol->st_info & 0xf) == STT_FUNC && ::strncmp(name, "vnt", 3) != 0)
-            functions[functionCount++] = {name, module.base + symbol->st_value, 0, name[0] == '_' && name[1] == 'Z'};
+        if (symbol->st_shndx != SHN_UNDEF && (symbol->st_info & 0xf) == STT_FUNC && ::strncmp(name, "vntJ", 4) != 0)
+            functions[functionCount++] = {name, module.base + symbol->st_value, 0, name[0] == '_' && name[1] == 'Z',
+                                          isCountingFunction(name)};
     }
     return 0;
 }
@@ -250,6 +257,11 @@ void findOriginals(const Walk& walk)
 {
     for (size_t i = 0; i < functionCount; ++i) {
         Function& function = functions[i];
+        if (function.isCounting) {
+            if (redirectsCounting && function.original == 0)
+                function.original = reinterpret_cast<uintptr_t>(findDefinition(function.name).function);
+            continue;
+        }
         const auto found = reinterpret_cast<uintptr_t>(::dlsym(RTLD_DEFAULT, function.name));
         if (!found || isOwnCode(reinterpret_cast<void*>(found)))
             continue;
@@ -268,6 +280,8 @@ bool isOwnCode(const void* address)
 {
     return address >= static_cast<const void*>(&__ehdr_start) && address < static_cast<const void*>(_end);
 }
+
+void redirectCounting(bool wanted) { redirectsCounting = wanted; }
 
 Redirected redirectModules()
 {
