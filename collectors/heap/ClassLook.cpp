@@ -105,9 +105,11 @@ Result<ClassLook> lookAtClasses(pid_t pid, bool is32Bit, const LiveBlocks& block
         return Status::fromErrno(memory.error(), "process_vm_readv");
     ClassLook look;
     std::unordered_map<uint64_t, heap::ClassRecord> byTable;
+    blocks.forEachSlot([&look](const LiveBlock& block) {
+        look.blocks += block.recorded;
+        look.bytes += block.recorded ? block.sizeBytes : 0;
+    });
     for (const Beginning& beginning : beginnings) {
-        ++look.blocks;
-        look.bytes += beginning.sizeBytes;
         for (const uint64_t word : beginning.words) {
             const uint64_t code = word == 0 ? 0 : modules.codeOf(word);
             if (code == 0 || (byTable.size() >= ClassLook::kMaxClasses && byTable.count(word) == 0))

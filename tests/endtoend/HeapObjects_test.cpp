@@ -31,7 +31,7 @@ ToolResult record(const std::string& bundle, std::vector<std::string> options, s
 
 json report(const std::string& bundle, const std::string& instrument)
 {
-    const ToolResult report = rumbel({"report", "--json", bundle + ".vnt"});
+    const ToolResult report = rumbel({"report", "--json", "--tree", bundle + ".vnt"});
     EXPECT_EQ(report.status, 0) << report.err;
     const json whole = json::parse(report.out, nullptr, false);
     EXPECT_FALSE(whole.is_discarded()) << report.out.substr(0, 200);
@@ -283,12 +283,12 @@ TEST_P(ClassesOf, LeakedBlocksAreTold)
     ASSERT_EQ(run.status, 0) << run.err << run.out;
     const json leaks = report(bundle, "orphanfinder");
     std::map<std::string, BlocksAndBytes> found;
-    for (const json& leak : leaks["leaks"]) {
+    for (const json& leak : leaks["list"]) {
         if (!leak.contains("class"))
             continue;
         auto& [blocks, bytes] = found[leak["class"]];
         ++blocks;
-        bytes += leak["bytes"].get<long>();
+        bytes += leak["size"].get<long>();
     }
     EXPECT_EQ(found, saidClasses(run.out)) << leaks.dump(1).substr(0, 2000);
     const ToolResult text = rumbel({"report", "--tree", bundle + ".vnt"});
