@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "bundle/Bundle.h"
+#include "bundle/ReferenceCounts.h"
 #include "records/HeapRecords.h"
 
 namespace vnt {
@@ -74,15 +75,30 @@ struct HeapTotals {
     }
 };
 
-/// A block that was freed again, or written to after its free. Paths: symbols, the innermost function first.
+/// A block that was used after its free. Paths: symbols, the innermost function first.
 struct HeapFault {
     heap::Fault fault = heap::Fault::kSecondFree;
     uint64_t address = 0;
     uint64_t byte = 0; ///< the first changed one
     std::vector<uint32_t> allocated;
     std::vector<uint32_t> freed;
-    std::vector<uint32_t> noticed; ///< the second free, or where the change was noticed
+    std::vector<uint32_t> noticed; ///< the second free, the retain or release, or where the change was noticed
     static constexpr size_t kMaxKept = 1000; ///< nobody reads more of a program's faults; all are counted
+};
+
+/// Live blocks that hold an object of one C++ class, or an array of such.
+struct HeapClass {
+    std::string name;
+    uint64_t blocks = 0;
+    uint64_t bytes = 0;
+};
+
+/// The classes of blocks at the latest look at them.
+struct HeapClasses {
+    bool known = false; ///< there was a look
+    uint64_t blocks = 0; ///< looked at
+    uint64_t bytes = 0;
+    std::vector<HeapClass> classes; ///< most bytes first
 };
 
 /// The heap recorder's part of a bundle.
@@ -90,6 +106,8 @@ struct HeapProfile {
     HeapTotals totals;
     std::vector<HeapSite> sites; ///< most bytes first
     std::vector<HeapFault> faults; ///< in order
+    ReferenceCounts counts;
+    HeapClasses classes;
     std::unique_ptr<Symbolizer> symbolizer; ///< of the sites' symbols; tells the bundle's remarks
     uint64_t messages = 0;
     uint64_t droppedMessages = 0;

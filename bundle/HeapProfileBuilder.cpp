@@ -64,7 +64,7 @@ void HeapProfileBuilder::onAllocate(const heap::AllocateRecord& allocation)
     }
     if (place->live)
         release(*place); // its free is lost
-    *place = {allocation.sizeBytes, allocation.stack, true};
+    *place = {allocation.address, allocation.sizeBytes, allocation.stack, true};
     StackCounts& stack = countsOf(allocation.stack);
     if (stack.counts.allocations == 0) {
         stack.firstTimeNs = allocation.timeNs;
@@ -92,6 +92,7 @@ void HeapProfileBuilder::release(Block& block)
         counts->liveBytes -= block.sizeBytes;
     }
     block.live = false;
+    _counts.onFree(block.address);
 }
 
 void HeapProfileBuilder::onFree(uint64_t timeNs, heap::Function /*function*/, uint32_t slot)
@@ -113,10 +114,11 @@ void HeapProfileBuilder::onFree(uint64_t timeNs, heap::Function /*function*/, ui
     release(*freed);
 }
 
-void HeapProfileBuilder::onFreeUnknown(uint64_t timeNs, heap::Function /*function*/, uint64_t /*address*/)
+void HeapProfileBuilder::onFreeUnknown(uint64_t timeNs, heap::Function /*function*/, uint64_t address)
 {
     if (!_options.span.contains(timeNs))
         return;
+    _counts.onFree(address);
     noteTime(timeNs);
     ++_totals.frees;
     ++_totals.unknownFrees;
@@ -144,6 +146,8 @@ void HeapProfileBuilder::onTarget(uint64_t timeNs, const heap::TargetRecord& tar
         }
     }
     _blocks.clear();
+    _counts.onProgram();
+    _look = {};
     _pieces = 0;
     _lastSlot = heap::kMaxSlots;
     _totals.lostTarget = (target.flags & heap::TargetRecord::kNoJournal) != 0;
@@ -187,6 +191,51 @@ void HeapProfileBuilder::onFault(uint64_t timeNs, const heap::FaultRecord& fault
     noteTime(timeNs);
     if (++_totals.faults <= HeapFault::kMaxKept)
         _faults.push_back({fault, timeNs, _totals.pid});
+}
+
+void HeapProfileBuilder::onCount(uint64_t timeNs, const heap::CountRecord& count)
+{
+    if (!_options.span.contains(timeNs))
+        return;
+    noteTime(timeNs);
+    _counts.add(timeNs, _totals.pid, count);
+}
+
+void HeapProfileBuilder::onClassLook(uint64_t timeNs, uint64_t blocks, uint64_t bytes)
+{
+    if (!_options.span.contains(timeNs)) {
+        _look.wanted = false;
+        return;
+    }
+    noteTime(timeNs);
+    _look = {true, timeNs, blocks, bytes, {}};
+}
+
+void HeapProfileBuilder::onClass(uint64_t /*timeNs*/, const heap::ClassRecord& record)
+{
+    if (_look.wanted && _look.classes.size() < ClassLook::kMaxClasses)
+        _look.classes.push_back(record);
+}
+
+/// Blocks that begin with an address in no virtual table are no objects, or of a class that the file does not name.
+HeapClasses HeapProfileBuilder::namedClasses()
+{
+    HeapClasses result{_look.timeNs != 0, _look.blocks, _look.bytes, {}};
+    std::unordered_map<std::string_view, size_t> indexes; // a class may have a table in each of several modules
+    for (const heap::ClassRecord& record : _look.classes) {
+        const std::string_view name = _symbolizer.className(_totals.pid, record.table, record.code, _look.timeNs);
+        if (name.empty())
+            continue;
+        const auto [found, added] = indexes.emplace(name, result.classes.size());
+        if (added)
+            result.classes.push_back({std::string(name), 0, 0});
+        result.classes[found->second].blocks += record.blocks;
+        result.classes[found->second].bytes += record.bytes;
+    }
+    std::sort(result.classes.begin(), result.classes.end(), [](const HeapClass& a, const HeapClass& b) {
+        return a.bytes != b.bytes ? a.bytes > b.bytes : a.name < b.name;
+    });
+    return result;
 }
 
 /// The stack's functions, innermost first.
@@ -248,6 +297,9 @@ void HeapProfileBuilder::finish(HeapProfile& profile)
             {record.fault, record.address, record.byte, pathOf(record.allocateStack, seen.pid, seen.timeNs),
              pathOf(record.freeStack, seen.pid, seen.timeNs), pathOf(record.faultStack, seen.pid, seen.timeNs)});
     }
+    profile.counts = _counts.finish(
+        [this](uint32_t stack, uint32_t pid, uint64_t timeNs) { return pathOf(stack, pid, timeNs); });
+    profile.classes = namedClasses();
     profile.totals = _totals;
 }
 

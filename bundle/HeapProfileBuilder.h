@@ -26,6 +26,7 @@ public:
 
 private:
     struct Block {
+        uint64_t address = 0;
         uint64_t sizeBytes = 0;
         uint32_t stack = 0;
         bool live = false;
@@ -51,6 +52,9 @@ private:
     void onExit(uint64_t timeNs, uint32_t pid) override;
     void onLost(uint64_t timeNs, heap::LostCause cause, uint64_t newly, uint64_t total) override;
     void onFault(uint64_t timeNs, const heap::FaultRecord& fault) override;
+    void onCount(uint64_t timeNs, const heap::CountRecord& count) override;
+    void onClassLook(uint64_t timeNs, uint64_t blocks, uint64_t bytes) override;
+    void onClass(uint64_t timeNs, const heap::ClassRecord& record) override;
     void onCost(uint64_t timeNs, uint64_t cpuNs, uint64_t events) override;
     void onMissingMessages(uint64_t count) override;
 
@@ -60,6 +64,7 @@ private:
     void release(Block& block);
     void noteTime(uint64_t timeNs);
     std::vector<uint32_t> pathOf(uint32_t stack, uint32_t pid, uint64_t timeNs);
+    [[nodiscard]] HeapClasses namedClasses();
     HeapSite& siteOf(uint32_t stack, std::vector<HeapSite>& sites);
 
     Symbolizer& _symbolizer;
@@ -77,6 +82,16 @@ private:
         uint32_t pid = 0;
     };
     std::vector<SeenFault> _faults;
+    ReferenceCountBuilder _counts;
+    struct ClassLook {
+        bool wanted = false; ///< of the span
+        uint64_t timeNs = 0;
+        uint64_t blocks = 0;
+        uint64_t bytes = 0;
+        std::vector<heap::ClassRecord> classes;
+        static constexpr size_t kMaxClasses = 1u << 17; ///< twice what the recorder tells
+    };
+    ClassLook _look;
     std::vector<uint64_t> _siteBytes; ///< of a site's heaviest path
     std::unordered_map<uint32_t, size_t> _siteIndexes; ///< symbol -> index
     uint32_t _lastSlot = heap::kMaxSlots; ///< of the latest allocation, while nothing was allocated since

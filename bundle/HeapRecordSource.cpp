@@ -90,15 +90,36 @@ private:
     {
         const Record::Value values[] = {{"address", static_cast<int64_t>(fault.address)},
                                         {"byte", static_cast<int64_t>(fault.byte)}};
-        const bool isWritten = fault.fault == heap::Fault::kWritten;
-        Record record = plainRecord(RecordKind::kHeapFault, timeNs, _pid,
-                                    isWritten ? "written after its free" : "freed twice", values);
+        Record record = plainRecord(RecordKind::kHeapFault, timeNs, _pid, nameOf(fault.fault), values);
         const std::pair<std::string_view, uint32_t> stacks[] = {
             {"allocated", fault.allocateStack}, {"freed", fault.freeStack}, {"noticed", fault.faultStack}};
         for (const auto& [whose, stack] : stacks) {
             record.text = whose;
             addWithStack(record, stack);
         }
+    }
+    void onCount(uint64_t timeNs, const heap::CountRecord& count) override
+    {
+        const Record::Value values[] = {{"address", static_cast<int64_t>(count.object)},
+                                        {"change", heap::changeOf(count.counting)},
+                                        {"before", static_cast<int64_t>(count.before)}};
+        Record record = plainRecord(RecordKind::kCount, timeNs, _pid, nameOf(count.counting), values);
+        record.tid = count.thread;
+        addWithStack(record, count.stack);
+    }
+    void onClassLook(uint64_t timeNs, uint64_t blocks, uint64_t bytes) override
+    {
+        const Record::Value values[] = {{"blocks", static_cast<int64_t>(blocks)},
+                                        {"bytes", static_cast<int64_t>(bytes)}};
+        _output.add(plainRecord(RecordKind::kClassLook, timeNs, _pid, {}, values));
+    }
+    void onClass(uint64_t timeNs, const heap::ClassRecord& found) override
+    {
+        const Record::Value values[] = {{"table", static_cast<int64_t>(found.table)},
+                                        {"code", static_cast<int64_t>(found.code)},
+                                        {"blocks", static_cast<int64_t>(found.blocks)},
+                                        {"bytes", static_cast<int64_t>(found.bytes)}};
+        _output.add(plainRecord(RecordKind::kClass, timeNs, _pid, {}, values));
     }
     void onCost(uint64_t timeNs, uint64_t cpuNs, uint64_t) override
     {

@@ -69,6 +69,21 @@ SourceLines* Modules::lines(uint32_t number)
     return entry->second.get();
 }
 
+const VirtualTables* Modules::virtualTables(uint32_t number)
+{
+    const auto [entry, isNew] = _tables.try_emplace(number);
+    const Module& module = loaded(number);
+    if (!isNew || module.file.empty())
+        return entry->second.get();
+    auto file = ElfFile::open(module.file);
+    if (!file.ok())
+        return nullptr;
+    auto debugFile = module.debugFile.empty() ? Result<ElfFile>(Status(Code::kNotFound, "")) : ElfFile::open(module.debugFile);
+    entry->second = std::make_unique<const VirtualTables>(
+        VirtualTables::read(file.value(), debugFile.ok() ? &debugFile.value() : nullptr));
+    return entry->second.get();
+}
+
 void Modules::load(Module& module)
 {
     if (module.path == "[vdso]")

@@ -11,6 +11,7 @@
 #include "bundle/Remarks.h"
 #include "bundle/SourceLines.h"
 #include "bundle/SymbolSources.h"
+#include "bundle/VirtualTables.h"
 
 namespace vnt {
 
@@ -44,6 +45,8 @@ public:
     const Module& loaded(uint32_t number);
     /// The module's source lines, opened on the first call for it; null when it has none.
     SourceLines* lines(uint32_t number);
+    /// The module's virtual tables, read on the first call for it; null when its file cannot be read.
+    const VirtualTables* virtualTables(uint32_t number);
     [[nodiscard]] const Module& module(uint32_t number) const { return *_modules[number]; }
     [[nodiscard]] size_t count() const { return _modules.size(); }
 
@@ -63,6 +66,7 @@ private:
     std::vector<std::unique_ptr<Module>> _modules;
     std::vector<bool> _isLoaded;
     std::unordered_map<uint32_t, std::unique_ptr<SourceLines>> _lines; // null: asked for, and has none
+    std::unordered_map<uint32_t, std::unique_ptr<const VirtualTables>> _tables; // likewise
     std::map<std::pair<std::string, std::string>, uint32_t> _numbers; // path and build id, width marked in the id
 };
 

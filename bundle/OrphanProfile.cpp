@@ -87,9 +87,13 @@ void Builder::finish()
 {
     if (_profile.searches.empty())
         return;
+    const OrphanSearchTotals& latest = _profile.searches.back();
     for (const orphans::LeakRecord& leak : _profile.leaks) {
         if (leak.stack != 0)
-            namePath(leak.stack, _profile.searches.back().search.pid, leak.timeNs);
+            namePath(leak.stack, latest.search.pid, leak.timeNs);
+        _profile.classes.push_back(leak.table == 0 ? std::string_view()
+                                                   : _profile.symbolizer->className(latest.search.pid, leak.table,
+                                                                                    leak.code, latest.timeNs));
     }
 }
 

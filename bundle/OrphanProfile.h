@@ -27,6 +27,7 @@ struct OrphanProfile {
     std::vector<orphans::LeakRecord> leaks; ///< holders before what they hold
     /// By stack number: the functions, innermost first. Leaks without a stack have none.
     std::unordered_map<uint32_t, std::vector<uint32_t>> paths;
+    std::vector<std::string_view> classes; ///< by leak; empty: none that is known. The symbolizer's
     std::vector<std::string> notSearched; ///< sentences that say why
     std::unique_ptr<Symbolizer> symbolizer; ///< of the paths' symbols; tells the bundle's remarks
     uint64_t messages = 0;

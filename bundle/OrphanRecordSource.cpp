@@ -39,9 +39,12 @@ private:
                                         {"size", static_cast<int64_t>(leak.sizeBytes)},
                                         {"holder", leak.holder},
                                         {"is_new", leak.isNew ? 1 : 0},
-                                        {"allocated_ns", static_cast<int64_t>(leak.timeNs)}};
+                                        {"allocated_ns", static_cast<int64_t>(leak.timeNs)},
+                                        {"table", static_cast<int64_t>(leak.table)},
+                                        {"code", static_cast<int64_t>(leak.code)}};
         Record record =
-            plainRecord(RecordKind::kLeak, _timeNs, _pid, kKindNames[static_cast<size_t>(leak.kind)], values);
+            plainRecord(RecordKind::kLeak, _timeNs, _pid, kKindNames[static_cast<size_t>(leak.kind)],
+                        std::span(values).first(leak.table != 0 ? std::size(values) : std::size(values) - 2));
         _frames.clear();
         for (uint32_t number = leak.stack; number != 0; number = _reader.node(number).caller) {
             const auto& node = _reader.node(number);

@@ -37,7 +37,13 @@ enum class RecordKind : uint8_t {
     kLeakSearch = 18, ///< name: the target; durationNs: it stood still; values: what was found
     kLeak =
         19, ///< of the search before; name: direct, cycle or indirect; values: address, size, holder (the leak, counted
-    ///< from 1 in its search, that points to it; 0: none), is_new, allocated_ns. The stack is the allocation's
+    ///< from 1 in its search, that points to it; 0: none), is_new, allocated_ns; where classes were asked for also table
+    ///< and code, as of kClass. The stack is the allocation's
+    // Heap Recorder, again
+    kCount = 20, ///< name: the function called on a counted object; values: address, change (1, 0 or -1), before (the
+    ///< object's count; 0: unknown). The stack is the caller's
+    kClassLook = 21, ///< the classes of live blocks follow; earlier ones are past; values: blocks, bytes looked at
+    kClass = 22, ///< values: table (what the blocks begin with), code (start of its module's), blocks, bytes
 };
 
 /// One record of an instrument. Views are valid during the call that delivers it.

@@ -75,6 +75,11 @@ public:
     /// is not known.
     uint32_t lineLabel(const SourceFrame& frame);
 
+    /// The C++ class whose virtual table is at the address `table`, in the module whose code begins at `code`. Empty:
+    /// there is none that its file names. Valid until the Symbolizer dies. Cost: a hash look-up when it was seen
+    /// before.
+    std::string_view className(uint32_t pid, uint64_t table, uint64_t code, uint64_t timeNs);
+
     /// A child without a signature of its own runs what its parent ran.
     void noteFork(uint32_t parent, uint32_t child);
 
@@ -144,6 +149,7 @@ private:
     uint32_t storedSymbol(uint32_t number, const StoredSymbols::Function& function);
     void collect(uint32_t number, uint64_t fileOffset, FrameRole role, uint32_t symbol);
     [[nodiscard]] StoredSymbolsWriter::Function functionOf(uint32_t symbol, bool isInlined) const;
+    std::string classOfFile(uint32_t number, uint64_t codeOffset, uint64_t behindCode);
     uint32_t unmapped(uint64_t address);
     uint32_t intern(const SymbolKey& key, Symbol symbol);
 
@@ -163,6 +169,7 @@ private:
     std::unordered_map<std::string, uint32_t> _inlined; // module number and function name
     std::unordered_set<std::string> _files;
     std::unordered_map<std::string, uint32_t> _labels; // by module path, or symbol, line and file
+    std::unordered_map<SymbolKey, std::string, SymbolHash> _classes; // by module and place of the virtual table
     size_t _unmapped = 0;
 };
 

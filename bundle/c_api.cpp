@@ -49,7 +49,8 @@ static_assert(VNT_BUNDLE_SAMPLE == static_cast<int>(RecordKind::kSample)
               && VNT_BUNDLE_HEAP_TARGET == static_cast<int>(RecordKind::kHeapTarget)
               && VNT_BUNDLE_EVENT == static_cast<int>(RecordKind::kEvent)
               && VNT_BUNDLE_PROCESS_ENDED == static_cast<int>(RecordKind::kProcessEnded)
-              && VNT_BUNDLE_LEAK == static_cast<int>(RecordKind::kLeak));
+              && VNT_BUNDLE_LEAK == static_cast<int>(RecordKind::kLeak)
+              && VNT_BUNDLE_CLASS == static_cast<int>(RecordKind::kClass));
 
 /// The one place where exceptions (no memory, in effect) end.
 template <typename Body, typename Answer> Answer guarded(Answer otherwise, Body body) noexcept

@@ -35,6 +35,23 @@ uint64_t timeOfStack(const Record& record)
     return record.timeNs;
 }
 
+/// Of live blocks, or of a leak.
+void collectClass(const Record& record, Symbolizer& symbolizer)
+{
+    if (record.kind != RecordKind::kClass && record.kind != RecordKind::kLeak)
+        return;
+    uint64_t table = 0;
+    uint64_t code = 0;
+    for (const Record::Value& value : record.values) {
+        if (value.name == "table")
+            table = static_cast<uint64_t>(value.value);
+        else if (value.name == "code")
+            code = static_cast<uint64_t>(value.value);
+    }
+    if (table != 0)
+        (void)symbolizer.className(record.pid, table, code, record.timeNs);
+}
+
 } // namespace
 
 void collectSymbols(Bundle& bundle, StoredSymbolsWriter& writer,
@@ -56,6 +73,7 @@ void collectSymbols(Bundle& bundle, StoredSymbolsWriter& writer,
                 forgotNs = record.timeNs;
             }
             const bool isNew = done.insert({record.pid, record.stackKey}).second;
+            collectClass(record, *symbolizer);
             if (record.stack.empty() || (!isNew && record.kind != RecordKind::kLeak))
                 return true;
             const uint64_t timeNs = timeOfStack(record);

@@ -29,6 +29,7 @@ struct ThreadState {
     Ring* ring;
     Presence* presence; ///< valid from LivePage::firstSession on
     uint32_t session; ///< of LivePage, that the ring belongs to
+    uint32_t toldSession; ///< of LivePage, in which the thread's id stands in the ring
     uint32_t head; ///< of the ring, as we wrote it
     uint32_t tail; ///< as last seen
     uint8_t inside; ///< not 0: a record is being made, and what a signal handler does meanwhile is counted only
@@ -321,6 +322,20 @@ bool writeFree(const LivePage& page, Kind kind, const void* block, Function func
     return true;
 }
 
+/// The thread's id, before its first record that is told with it.
+bool tellThread(const LivePage& page)
+{
+    if (thread.toldSession == page.session)
+        return true;
+    if (!ensureRoom(page, 1))
+        return false;
+    RingHeader& header = thread.ring->header;
+    put(0, kThread | uint64_t{load(header.owner)} << 4);
+    publish(page, 1, load(header.lastTime)); // no event: times stay
+    thread.toldSession = page.session;
+    return true;
+}
+
 } // namespace
 
 void wakeCollector(Shared& shared)
@@ -357,6 +372,18 @@ void noteSpecial(Kind kind, const void* block, size_t size, Function function, c
     if (!enter(page))
         return;
     writeAllocate(page, kind, block, size, function, frame);
+    leave();
+}
+
+bool countsReferences() { return __builtin_expect((live->eventsMask & kCountEvents) != 0, 0); }
+
+void noteCount(Kind kind, const void* object, size_t count, Counting counting, const void* frame)
+{
+    const LivePage& page = *live;
+    if (!enter(page))
+        return;
+    if (tellThread(page))
+        writeAllocate(page, kind, object, count, static_cast<Function>(counting), frame);
     leave();
 }
 

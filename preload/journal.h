@@ -29,6 +29,11 @@ bool keepsZombies();
 /// kFreeKept, kSecondFree or kDamaged.
 void noteSpecial(Kind kind, const void* block, size_t size, Function function, const void* frame);
 
+/// True when noteCount() has an effect.
+bool countsReferences();
+/// Before a call that changes an object's count of references, or kCountOfFreed, see there.
+void noteCount(Kind kind, const void* object, size_t count, Counting counting, const void* frame);
+
 /// Around a reallocation of a live block. The answer of the first goes to the second; `block` null: it failed.
 bool noteReallocBegin(const void* old);
 void noteReallocEnd(bool begun, const void* block, size_t size, const void* frame);

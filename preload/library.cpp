@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <stdint.h>
 
+#include "preload/counting.h"
 #include "preload/journal.h"
 #include "preload/real.h"
 
@@ -17,6 +18,7 @@ __attribute__((constructor)) void begin(int, char**, char** environment) // argu
 {
     const int error = errno;
     (void)vnt::haveReal();
+    vnt::findCountingFunctions();
     vnt::journal::greetCollector(environment);
     __atomic_store_n(&vntJournalReady, 1u, __ATOMIC_RELEASE);
     errno = error;

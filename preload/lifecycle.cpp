@@ -201,6 +201,7 @@ int32_t attach(AttachRequest& request)
         giveMemoryBack();
     }
     if (isLate()) { // first, as it may wait for a lock: what leads here already is passed on
+        redirectCounting((request.eventsMask & kCountEvents) != 0);
         const Redirected redirected = redirectModules();
         request.redirected = redirected.places;
         request.refused = redirected.refused;

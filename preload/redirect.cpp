@@ -8,6 +8,8 @@
 #include <sys/mman.h>
 #include <sys/uio.h>
 
+#include "preload/counting.h"
+#include "preload/definitions.h"
 #include "preload/followModules.h"
 #include "preload/raw.h"
 #include "preload/real.h"
@@ -40,10 +42,12 @@ struct Function {
     uintptr_t own;
     uintptr_t original; ///< 0: not known
     bool isOperator; ///< of the C++ language
+    bool isCounting; ///< see counting.h
 };
 Function functions[kMaxFunctions];
 size_t functionCount;
 unsigned long long loadsSeen; // dl_phdr_info::dlpi_adds, at the latest walk that redirected
+bool redirectsCounting;
 
 struct Range {
     uintptr_t begin;
@@ -204,6 +208,8 @@ bool isPlainOperator(const Walk& walk, uintptr_t address)
 bool leadsToOriginal(const Walk& walk, const Module& module, Function& function, bool isCall, bool isDefined,
                      uintptr_t value)
 {
+    if (function.isCounting && !redirectsCounting)
+        return false;
     if (isCall && !isDefined && isInSegment(module, value, PF_X))
         return function.original != 0;
     if (function.isOperator && function.original == 0 && isPlainOperator(walk, value))
@@ -276,12 +282,13 @@ int lookAtModule(dl_phdr_info* info, size_t, void* data)
     const auto* end = reinterpret_cast<const ElfW(Sym)*>(module.strings);
     for (const ElfW(Sym)* symbol = module.symbols + 1; symbol + 1 <= end && functionCount < kMaxFunctions; ++symbol) {
         const char* name = module.strings + symbol->st_name;
-        if (symbol->st_shndx != SHN_UNDEF && (symbol->st_info & 0xf) == STT_FUNC && ::strncmp(name, "vnt", 3) != 0)
-            functions[functionCount++] = {name, module.base + symbol->st_value, 0, name[0] == '_' && name[1] == 'Z'};
+        if (symbol->st_shndx != SHN_UNDEF && (symbol->st_info & 0xf) == STT_FUNC && ::strncmp(name, "vntJ", 4) != 0)
+            functions[functionCount++] = {name, module.base + symbol->st_value, 0, name[0] == '_' && name[1] == 'Z',
+                                          isCountingFunction(name)};
     }
     for (const LoaderFunction& function : kLoaderFunctions) {
         if (functionCount < kMaxFunctions)
-            functions[functionCount++] = {function.name, reinterpret_cast<uintptr_t>(function.own), 0, false};
+            functions[functionCount++] = {function.name, reinterpret_cast<uintptr_t>(function.own), 0, false, false};
     }
     return 0;
 }
@@ -317,11 +324,22 @@ int countLoads(dl_phdr_info* info, size_t, void* data)
     return 1;
 }
 
-void findOriginals(const Walk& walk)
+/// Takes the loader's lock of its list only.
+void findCounting()
 {
     for (size_t i = 0; i < functionCount; ++i) {
         Function& function = functions[i];
-        if (function.original != 0 || (function.isOperator && walk.cxxCount == 0))
+        if (function.isCounting && redirectsCounting && function.original == 0)
+            function.original = reinterpret_cast<uintptr_t>(findDefinition(function.name).function);
+    }
+}
+
+void findOriginals(const Walk& walk)
+{
+    findCounting();
+    for (size_t i = 0; i < functionCount; ++i) {
+        Function& function = functions[i];
+        if (function.isCounting || function.original != 0 || (function.isOperator && walk.cxxCount == 0))
             continue; // each look-up takes the lock that whoever loads a module holds
         const auto found = reinterpret_cast<uintptr_t>(::dlsym(RTLD_DEFAULT, function.name));
         if (!found || isOwnCode(reinterpret_cast<void*>(found)))
@@ -341,6 +359,8 @@ bool isOwnCode(const void* address)
 {
     return address >= static_cast<const void*>(&__ehdr_start) && address < static_cast<const void*>(_end);
 }
+
+void redirectCounting(bool wanted) { redirectsCounting = wanted; }
 
 Redirected redirectModules()
 {
@@ -365,6 +385,7 @@ void redirectNewModules()
     Walk walk{};
     ::dl_iterate_phdr(lookAtModule, &walk);
     forgetUnloaded(walk);
+    findCounting();
     ::dl_iterate_phdr(visitModule, &walk);
     __atomic_store_n(&loadsSeen, walk.loads, __ATOMIC_RELAXED);
 }

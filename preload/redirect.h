@@ -14,6 +14,8 @@ struct Redirected {
     uint32_t refused = 0; ///< that could not be changed
 };
 
+/// Whether redirectModules() also changes the places of functions that count references. Not at first.
+void redirectCounting(bool wanted);
 /// Every module that is loaded now; those done before are left as they are. Takes the loader's lock of its list; no
 /// allocation. Not from more than one thread at a time.
 Redirected redirectModules();

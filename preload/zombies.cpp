@@ -55,6 +55,33 @@ size_t firstChange(const void* block, size_t size, uint64_t place)
 
 } // namespace
 
+const void* keptBlockOf(const void* object)
+{
+    constexpr uint64_t kPatternWord = kPattern * 0x0101010101010101U;
+    constexpr uintptr_t kPageBytes = 4096;
+    const auto address = reinterpret_cast<uintptr_t>(object);
+    uint64_t word = 0;
+    if (address % kPageBytes > kPageBytes - sizeof word) // the caller's word is there, what follows may not be
+        return nullptr;
+    ::memcpy(&word, object, sizeof word);
+    if (word == markOf(object))
+        return isKept(object, sizeof(Mark)) ? object : nullptr;
+    if (word != kPatternWord && word >= kKept) // the latter: the object began right behind the mark's first word
+        return nullptr;
+    const void* nearest = nullptr;
+    for (void*& place : kept) {
+        const void* block = __atomic_load_n(&place, __ATOMIC_RELAXED);
+        if (block > nearest && block < object && address - reinterpret_cast<uintptr_t>(block) < kLargestKept)
+            nearest = block;
+    }
+    if (word == kPatternWord)
+        return nearest;
+    return nearest && address - reinterpret_cast<uintptr_t>(nearest) == sizeof word
+            && __atomic_load_n(&kept[word], __ATOMIC_RELAXED) == nearest
+        ? nearest
+        : nullptr;
+}
+
 void releaseLater(void* block, Function function, const void* frame)
 {
     const size_t size = realAllocator.usableSize(block);

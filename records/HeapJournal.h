@@ -11,6 +11,10 @@ namespace vnt::journal {
 inline constexpr uint32_t kMagic = 0x4a484e56; ///< "VNHJ"
 inline constexpr uint16_t kVersion = 2; ///< both ends come from one build; others refuse one another
 
+// Bits of an events mask that ask for more than allocations.
+inline constexpr uint32_t kCountEvents = 0x3000f008; ///< references taken to counted objects and given back
+inline constexpr uint32_t kClassNames = 0x00100000; ///< the C++ classes of live blocks; the collector's business
+
 /// Environment variable that names the collector's abstract Unix socket (unix(7)), without the leading null byte.
 inline constexpr char kSocketVariable[] = "VNT_HEAP_JOURNAL";
 
@@ -143,6 +147,12 @@ inline constexpr uint64_t totalBytes(uint32_t rings) { return kSharedBytes + uin
 //   kFreeKept      a free; the block is kept
 //   kSecondFree    a free of a block that is kept
 //   kDamaged       a kept block was written to; in place of the size the first changed byte
+// When kCountEvents are asked for:
+//   kThread        kind | thread id << 4: who writes the counts behind it in this ring
+//   kCount         like kAllocate: the object's address; in place of the size its count before the call, 0 when not
+//                  known; in place of the function a Counting
+//   kCountOfFreed  likewise for an object in a kept block; the block's address, in place of the size the object's place
+//                  in the block. The object was not touched
 // clang-format on
 enum Kind : uint32_t {
     kStack = 1,
@@ -153,6 +163,9 @@ enum Kind : uint32_t {
     kFreeKept = 6,
     kSecondFree = 7,
     kDamaged = 8,
+    kThread = 9,
+    kCount = 10,
+    kCountOfFreed = 11,
 };
 inline constexpr uint32_t kAllocateWords = 3;
 inline constexpr uint32_t kFreeWords = 2;
@@ -162,5 +175,16 @@ inline constexpr uint32_t kNoStack = 0xffff; ///< slot of an allocation without 
 
 /// Which function allocated or freed.
 enum Function : uint16_t { kMalloc = 0, kCalloc = 1, kRealloc = 2, kAligned = 3, kOperator = 4, kOperatorArray = 5 };
+
+/// Which function was called on a counted object, and what it does to the count.
+enum Counting : uint16_t {
+    kRef = 0, ///< g_object_ref: one more
+    kUnref = 1, ///< g_object_unref: one less
+    kRefSink = 2, ///< g_object_ref_sink of an object that is owned: one more
+    kSink = 3, ///< g_object_ref_sink of a floating object: the caller owns it now, the count stays
+    kTakeRef = 4, ///< g_object_take_ref: the count stays
+    kRetain = 5, ///< CFRetain of our library: one more
+    kRelease = 6, ///< CFRelease: one less
+};
 
 } // namespace vnt::journal

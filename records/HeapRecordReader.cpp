@@ -27,6 +27,7 @@ struct HeapRecordReader::Decoding {
     HeapRecordHandler& handler;
     uint64_t timeNs;
     uint64_t address = 0;
+    uint64_t object = 0;
 };
 
 Status HeapRecordReader::read(std::span<const std::byte> message, HeapRecordHandler& handler)
@@ -66,7 +67,7 @@ Status HeapRecordReader::readHeader(ByteCursor& cursor, size_t& definitionsBytes
     baseTimeNs = cursor.little<uint64_t>();
     if (cursor.failed() || magic != kMagic)
         return Status(Code::kCorrupt, "heap records: no message header");
-    if (version != kVersion)
+    if (version < kPlainVersion || version > kVersion)
         return Status(Code::kUnsupported, "heap records: version " + std::to_string(version) + " is not known");
     if (nodesBefore > kMaxNodes)
         return Status(Code::kTooLarge, "heap records: too many frame nodes");
@@ -176,23 +177,69 @@ Status HeapRecordReader::readFault(Decoding& decoding)
     record.faultStack = knownStack(number(cursor));
     if (cursor.failed())
         return {};
-    if (fault > static_cast<uint64_t>(Fault::kWritten))
+    if (fault >= kFaults)
         return Status(Code::kCorrupt, "heap records: unknown fault");
     record.fault = static_cast<Fault>(fault);
     decoding.handler.onFault(decoding.timeNs, record);
     return {};
 }
 
+Status HeapRecordReader::readCount(Decoding& decoding, unsigned counting)
+{
+    ByteCursor& cursor = decoding.cursor;
+    if (counting >= kCountings)
+        return Status(Code::kCorrupt, "heap records: unknown change of a count");
+    CountRecord record;
+    record.counting = static_cast<Counting>(counting);
+    record.thread = number(cursor);
+    record.stack = knownStack(number(cursor));
+    record.before = cursor.varint();
+    decoding.object += static_cast<uint64_t>(cursor.signedVarint());
+    record.object = decoding.object;
+    if (!cursor.failed())
+        decoding.handler.onCount(decoding.timeNs, record);
+    return {};
+}
+
+Status HeapRecordReader::readMore(Decoding& decoding, unsigned kind)
+{
+    ByteCursor& cursor = decoding.cursor;
+    if (kind == static_cast<unsigned>(MoreKind::kClassLook)) {
+        const uint64_t blocks = cursor.varint();
+        const uint64_t bytes = cursor.varint();
+        if (!cursor.failed())
+            decoding.handler.onClassLook(decoding.timeNs, blocks, bytes);
+        return {};
+    }
+    if (kind != static_cast<unsigned>(MoreKind::kClass))
+        return Status(Code::kCorrupt, "heap records: unknown record");
+    ClassRecord record;
+    for (uint64_t* field : {&record.table, &record.code, &record.blocks, &record.bytes})
+        *field = cursor.varint();
+    if (!cursor.failed())
+        decoding.handler.onClass(decoding.timeNs, record);
+    return {};
+}
+
 Status HeapRecordReader::readEvent(Decoding& decoding)
+{
+    const auto head = decoding.cursor.little<uint8_t>();
+    const auto kind = static_cast<RecordKind>(head & 0x0f);
+    const unsigned high = head >> 4;
+    decoding.timeNs += decoding.cursor.varint();
+    if (kind == RecordKind::kCount)
+        return readCount(decoding, high);
+    if (kind == RecordKind::kMore)
+        return readMore(decoding, high);
+    if (high >= kFunctions)
+        return Status(Code::kCorrupt, "heap records: unknown function");
+    return readEvent(decoding, kind, static_cast<Function>(high));
+}
+
+Status HeapRecordReader::readEvent(Decoding& decoding, RecordKind kind, Function function)
 {
     ByteCursor& cursor = decoding.cursor;
     HeapRecordHandler& handler = decoding.handler;
-    const auto head = cursor.little<uint8_t>();
-    const auto kind = static_cast<RecordKind>(head & 0x0f);
-    if (head >> 4 >= static_cast<int>(kFunctions))
-        return Status(Code::kCorrupt, "heap records: unknown function");
-    const auto function = static_cast<Function>(head >> 4);
-    decoding.timeNs += cursor.varint();
     const uint64_t timeNs = decoding.timeNs;
     switch (kind) {
     case RecordKind::kAllocate:

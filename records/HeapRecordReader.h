@@ -31,6 +31,10 @@ public:
     virtual void onTarget(uint64_t /*timeNs*/, const TargetRecord& /*target*/) { }
     virtual void onNoTarget(uint64_t /*timeNs*/) { }
     virtual void onExit(uint64_t /*timeNs*/, uint32_t /*pid*/) { }
+    virtual void onCount(uint64_t /*timeNs*/, const CountRecord& /*count*/) { }
+    /// All that follow are of this look at so many live blocks.
+    virtual void onClassLook(uint64_t /*timeNs*/, uint64_t /*blocks*/, uint64_t /*bytes*/) { }
+    virtual void onClass(uint64_t /*timeNs*/, const ClassRecord& /*record*/) { }
     /// `newly` events lost since the last report, `total` since the recording began.
     virtual void onLost(uint64_t /*timeNs*/, LostCause /*cause*/, uint64_t /*newly*/, uint64_t /*total*/) { }
     virtual void onFault(uint64_t /*timeNs*/, const FaultRecord& /*fault*/) { }
@@ -65,9 +69,12 @@ private:
     Status readDefinitions(ByteCursor cursor, HeapRecordHandler& handler);
     Status readNode(ByteCursor& cursor, bool cut);
     Status readEvent(Decoding& decoding);
+    Status readEvent(Decoding& decoding, RecordKind kind, Function function);
     void readAllocate(Decoding& decoding, Function function);
     Status readLost(Decoding& decoding);
     Status readFault(Decoding& decoding);
+    Status readCount(Decoding& decoding, unsigned counting);
+    Status readMore(Decoding& decoding, unsigned kind);
     [[nodiscard]] uint32_t knownStack(uint32_t stack) const
     {
         return stack > _nodes.size() || (stack != 0 && !_nodes[stack - 1].known) ? 0 : stack;

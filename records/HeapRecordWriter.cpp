@@ -1,6 +1,7 @@
 #include "records/HeapRecordWriter.h"
 
 #include "platform/base/Check.h"
+#include "records/HeapJournal.h"
 
 namespace vnt::heap {
 namespace {
@@ -8,10 +9,8 @@ namespace {
 /// A record put together on the stack and appended at once: half the cost of appending byte by byte.
 class SmallRecord {
 public:
-    SmallRecord(RecordKind kind, Function function)
-    {
-        byte(static_cast<uint8_t>(static_cast<unsigned>(kind) | static_cast<unsigned>(function) << 4));
-    }
+    SmallRecord(RecordKind kind, Function function) : SmallRecord(kind, static_cast<unsigned>(function)) { }
+    SmallRecord(RecordKind kind, unsigned high) { byte(static_cast<uint8_t>(static_cast<unsigned>(kind) | high << 4)); }
     void byte(uint8_t value) { _bytes[_size++] = value; }
     void varint(uint64_t value)
     {
@@ -36,6 +35,7 @@ private:
 } // namespace
 
 HeapRecordWriter::HeapRecordWriter(const SessionRecord& session)
+    : _version((session.eventsMask & (journal::kCountEvents | journal::kClassNames)) != 0 ? kVersion : kPlainVersion)
 {
     SmallRecord record(RecordKind::kSession, Function::kMalloc);
     record.varint(session.eventsMask);
@@ -160,12 +160,42 @@ void HeapRecordWriter::addCost(uint64_t timeNs, uint64_t cpuNs)
     _events.varint(totalEvents());
 }
 
+void HeapRecordWriter::addCount(uint64_t timeNs, const CountRecord& count)
+{
+    SmallRecord record(RecordKind::kCount, static_cast<unsigned>(count.counting));
+    record.varint(since(timeNs));
+    record.varint(count.thread);
+    record.varint(count.stack);
+    record.varint(count.before);
+    record.difference(count.object, _lastObject);
+    record.appendTo(_events);
+    _lastObject = count.object;
+    ++_pendingEvents;
+}
+
+void HeapRecordWriter::addClassLook(uint64_t timeNs, uint64_t blocks, uint64_t bytes)
+{
+    SmallRecord record(RecordKind::kMore, static_cast<unsigned>(MoreKind::kClassLook));
+    record.varint(since(timeNs));
+    record.varint(blocks);
+    record.varint(bytes);
+    record.appendTo(_events);
+}
+
+void HeapRecordWriter::addClass(uint64_t timeNs, const ClassRecord& of)
+{
+    SmallRecord record(RecordKind::kMore, static_cast<unsigned>(MoreKind::kClass));
+    for (const uint64_t value : {since(timeNs), of.table, of.code, of.blocks, of.bytes})
+        record.varint(value);
+    record.appendTo(_events);
+}
+
 std::span<const std::byte> HeapRecordWriter::message()
 {
     _message.clear();
     _message.reserve(sizeBytes());
     _message.little(kMagic);
-    _message.little(kVersion);
+    _message.little(_version);
     _message.little(uint16_t{0});
     _message.little(_sequence);
     _message.little(_nodesBefore);
@@ -193,6 +223,7 @@ void HeapRecordWriter::messageDropped()
     _pendingEvents = 0;
     _timed = false;
     _lastAddress = 0;
+    _lastObject = 0;
 }
 
 } // namespace vnt::heap

@@ -31,10 +31,15 @@ public:
     void addLost(uint64_t timeNs, LostCause cause, uint64_t total);
     void addFault(uint64_t timeNs, const FaultRecord& fault);
     void addCost(uint64_t timeNs, uint64_t cpuNs);
+    // For a session whose mask asks for them.
+    void addCount(uint64_t timeNs, const CountRecord& count);
+    /// The classes behind it are of one look at all live blocks.
+    void addClassLook(uint64_t timeNs, uint64_t blocks, uint64_t bytes);
+    void addClass(uint64_t timeNs, const ClassRecord& record);
 
     [[nodiscard]] size_t sizeBytes() const { return kHeaderBytes + _definitions.size() + _events.size(); }
     [[nodiscard]] bool empty() const { return _definitions.size() == 0 && _events.size() == 0; }
-    /// Allocations and frees in the message being composed.
+    /// Allocations, frees and counts in the message being composed.
     [[nodiscard]] uint64_t pendingEvents() const { return _pendingEvents; }
     [[nodiscard]] uint64_t totalEvents() const { return _sentEvents + _pendingEvents; }
     [[nodiscard]] uint64_t lastTimeNs() const { return _lastTimeNs; }
@@ -58,6 +63,8 @@ private:
     uint64_t _baseTimeNs = 0;
     uint64_t _lastTimeNs = 0;
     uint64_t _lastAddress = 0;
+    uint64_t _lastObject = 0;
+    uint16_t _version = kPlainVersion;
     uint64_t _pendingEvents = 0;
     uint64_t _sentEvents = 0;
     bool _timed = false;

@@ -36,6 +36,20 @@ public:
             + std::to_string(fault.allocateStack) + "," + std::to_string(fault.freeStack) + ","
             + std::to_string(fault.faultStack);
     }
+    void onCount(uint64_t, const CountRecord& count) override
+    {
+        text += " count " + std::string(nameOf(count.counting)) + "@" + std::to_string(count.object) + "="
+            + std::to_string(count.before) + "/" + std::to_string(count.stack) + " by " + std::to_string(count.thread);
+    }
+    void onClassLook(uint64_t, uint64_t blocks, uint64_t bytes) override
+    {
+        text += " look " + std::to_string(blocks) + "," + std::to_string(bytes);
+    }
+    void onClass(uint64_t, const ClassRecord& found) override
+    {
+        text += " class " + std::to_string(found.table) + "," + std::to_string(found.code) + ":"
+            + std::to_string(found.blocks) + "," + std::to_string(found.bytes);
+    }
     void onCost(uint64_t, uint64_t, uint64_t events) override { text += " events " + std::to_string(events); }
     void onMissingMessages(uint64_t count) override { text += " missing " + std::to_string(count); }
     std::string text;
@@ -73,6 +87,62 @@ TEST(HeapRecords, ComeBackAsWritten)
     ASSERT_EQ(reader.nodeCount(), 2u);
     EXPECT_EQ(reader.node(2).address, 0x400800u);
     EXPECT_EQ(reader.node(2).caller, 1u);
+}
+
+uint16_t versionOf(std::span<const std::byte> message) { return static_cast<uint16_t>(message[4]); }
+
+void writeObjects(HeapRecordWriter& writer)
+{
+    const uint32_t stack = writer.addNode(0, 0, 0x401000);
+    writer.addCount(10, {Counting::kRef, 77, stack, 1, 0x7f0000001000});
+    writer.addCount(20, {Counting::kUnref, 78, 9, 2, 0x7f0000000ff0}); // a stack that is not known
+    writer.addCount(20, {Counting::kRelease, 0, 0, 0, 16});
+    writer.addClassLook(30, 5, 500);
+    writer.addClass(30, {0x404010, 0x401000, 3, 96});
+    writer.addFault(40, {Fault::kReleased, 0x7f0000001000, 8, stack, stack, stack});
+}
+
+TEST(HeapRecords, CountsAndClassesComeBackInAVersionOfTheirOwn)
+{
+    for (const uint32_t mask : {0x302df808u, 0x003d0800u}) {
+        HeapRecordWriter writer({mask, 0});
+        writeObjects(writer);
+        EXPECT_EQ(versionOf(writer.message()), 2);
+        HeapRecordReader reader;
+        Listener heard;
+        ASSERT_TRUE(reader.read(writer.message(), heard).ok());
+        EXPECT_EQ(heard.text,
+                  " mask " + std::to_string(mask)
+                      + " count g_object_ref@139637976731648=1/1 by 77 count g_object_unref@139637976731632=2/0 by 78"
+                        " count CFRelease@16=0/0 by 0 look 5,500 class 4210704,4198400:3,96 fault 3@8:1,1,1");
+    }
+    HeapRecordWriter plain({0x2d0800, 0});
+    EXPECT_EQ(versionOf(plain.message()), 1); // which earlier readers take
+}
+
+TEST(HeapRecords, DamagedCountsAndClassesAreRefused)
+{
+    HeapRecordWriter writer({0x303df808, 0});
+    writeObjects(writer);
+    const auto good = copied(writer.message());
+    for (size_t at = 0; at < good.size(); ++at) {
+        for (const int change : {0x01, 0x80, 0xff}) {
+            auto bad = good;
+            bad[at] ^= static_cast<std::byte>(change);
+            HeapRecordReader reader;
+            Listener heard;
+            (void)reader.read(bad, heard); // the sanitizers watch
+        }
+    }
+    for (const int head : {0x7e, 0xfe, 0x2f, 0xff}) { // a call or a kind that is not known
+        HeapRecordWriter one({0x303df808, 0});
+        auto message = copied(one.message());
+        message.push_back(static_cast<std::byte>(head));
+        message.insert(message.end(), 8, std::byte{0});
+        HeapRecordReader reader;
+        Listener heard;
+        EXPECT_EQ(reader.read(message, heard).code(), Code::kCorrupt) << head;
+    }
 }
 
 TEST(HeapRecords, ADroppedMessageLosesEventsAndNoDefinitions)

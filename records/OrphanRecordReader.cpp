@@ -39,7 +39,7 @@ Status OrphanRecordReader::readHeader(Decoding& decoding)
     decoding.timeNs = cursor.little<uint64_t>();
     if (cursor.failed() || magic != kMagic)
         return Status(Code::kCorrupt, "leak records: no message header");
-    if (version != kVersion)
+    if (version < kPlainVersion || version > kVersion)
         return Status(Code::kUnsupported, "leak records: version " + std::to_string(version) + " is not known");
     if (nodesBefore > kMaxNodes)
         return Status(Code::kTooLarge, "leak records: too many frame nodes");
@@ -116,9 +116,13 @@ Status OrphanRecordReader::readLeak(Decoding& decoding)
     leak.function = cursor.little<uint8_t>();
     leak.stack = decoding.number();
     leak.contents = cursor.text(kMaxContentBytes);
+    if ((flags & LeakRecord::kHasClass) != 0) {
+        leak.table = cursor.varint();
+        leak.code = leak.table + static_cast<uint64_t>(cursor.signedVarint());
+    }
     if (cursor.failed())
         return {};
-    if (kind >= kKinds || flags > (LeakRecord::kKindMask | LeakRecord::kNew) || leak.function >= heap::kFunctions)
+    if (kind >= kKinds || flags > (LeakRecord::kKindMask | LeakRecord::kNew | LeakRecord::kHasClass) || leak.function >= heap::kFunctions)
         return Status(Code::kCorrupt, "leak records: unknown kind of leak");
     if (_leaksTold >= kMaxLeaks)
         return Status(Code::kTooLarge, "leak records: too many leaks");

@@ -50,7 +50,8 @@ void OrphanRecordWriter::addLeak(const LeakRecord& leak)
 {
     begin(RecordKind::kLeak);
     _records.little(
-        static_cast<uint8_t>(static_cast<unsigned>(leak.kind) | (leak.isNew ? unsigned{LeakRecord::kNew} : 0u)));
+        static_cast<uint8_t>(static_cast<unsigned>(leak.kind) | (leak.isNew ? unsigned{LeakRecord::kNew} : 0u)
+                             | (leak.table != 0 ? unsigned{LeakRecord::kHasClass} : 0u)));
     _records.signedVarint(static_cast<int64_t>(leak.address - _lastAddress));
     _lastAddress = leak.address;
     _records.varint(leak.sizeBytes);
@@ -59,6 +60,11 @@ void OrphanRecordWriter::addLeak(const LeakRecord& leak)
     _records.little(leak.function);
     _records.varint(leak.stack);
     _records.text(std::string_view(leak.contents).substr(0, kMaxContentBytes));
+    if (leak.table == 0)
+        return;
+    _hasClasses = true;
+    _records.varint(leak.table);
+    _records.signedVarint(static_cast<int64_t>(leak.code - leak.table));
 }
 
 void OrphanRecordWriter::addEnd(const EndRecord& end)
@@ -82,7 +88,7 @@ std::span<const std::byte> OrphanRecordWriter::message()
     _message.clear();
     _message.reserve(sizeBytes());
     _message.little(kMagic);
-    _message.little(kVersion);
+    _message.little(_hasClasses ? kVersion : kPlainVersion);
     _message.little(uint16_t{0});
     _message.little(_sequence);
     _message.little(_nodesBefore);
@@ -99,6 +105,7 @@ void OrphanRecordWriter::messageSent()
     _nodesBefore = _nodes;
     _records.clear();
     _timed = false;
+    _hasClasses = false;
     _lastAddress = 0;
 }
 

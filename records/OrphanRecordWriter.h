@@ -39,6 +39,7 @@ private:
     uint64_t _baseTimeNs = 0;
     uint64_t _lastTimeNs = 0;
     uint64_t _lastAddress = 0;
+    bool _hasClasses = false;
     bool _timed = false;
 };
 

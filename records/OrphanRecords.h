@@ -17,7 +17,9 @@
 namespace vnt::orphans {
 
 inline constexpr uint32_t kMagic = 0x4850524f; ///< "ORPH"
-inline constexpr uint16_t kVersion = 1; ///< raised with every change that an older reader would misread
+inline constexpr uint16_t kVersion = 2; ///< raised with every change that an older reader would misread
+/// Of messages whose leaks say nothing of classes.
+inline constexpr uint16_t kPlainVersion = 1;
 inline constexpr size_t kHeaderBytes = 32;
 
 // Limits. A writer keeps them, a reader refuses what passes them.
@@ -78,9 +80,10 @@ struct SearchRecord {
 };
 
 /// As written: a byte of flags, signed difference of the address to the leak before (the first: to 0), size, holder,
-/// signed difference of the allocation's time to the leak before, function, stack, contents as text.
+/// signed difference of the allocation's time to the leak before, function, stack, contents as text; with kHasClass the
+/// table, and the signed difference of the code to the table.
 struct LeakRecord {
-    enum Flag : uint8_t { kKindMask = 3, kNew = 4 };
+    enum Flag : uint8_t { kKindMask = 3, kNew = 4, kHasClass = 8 };
     uint64_t address = 0;
     uint64_t sizeBytes = 0;
     Kind kind = Kind::kDirect;
@@ -90,6 +93,8 @@ struct LeakRecord {
     uint8_t function = 0; ///< heap::Function
     uint32_t stack = 0; ///< of the allocation; 0: not known, or not asked for
     std::string contents; ///< first bytes, when asked for
+    uint64_t table = 0; ///< what the block begins with where that is in a module's data, when asked for; 0: nothing such
+    uint64_t code = 0; ///< start of that module's code
     bool operator==(const LeakRecord&) const = default;
 };
 

@@ -73,12 +73,15 @@ private:
         uint64_t bytes = 0;
         uint64_t liveBlocks = 0;
         uint64_t liveBytes = 0;
+        uint64_t retains = 0;
+        uint64_t releases = 0;
     };
 
     void onSample(const ExportSample& sample) override;
     void onKernelEvent(const ExportKernelEvent& event) override;
     void onAllocation(const ExportAllocation& allocation) override;
     void onFree(const ExportFree& free) override;
+    void onCount(const ExportCount& count) override;
     void onSearch(const ExportSearch& search) override { _search = search.record.number; }
     void onLeak(const ExportLeak& leak) override;
     void onUsage(uint64_t timeNs, const census::ProcessRecord& process, const census::Usage& usage) override
@@ -146,7 +149,7 @@ void CsvExporter::writeHeader(std::string_view identifier)
         add({"time_ns", "cpu", "pid", "tid", "process", "thread", "category", "event", "name", "values", "text",
              "stack"});
     } else if (identifier == kHeapRecorderId) {
-        add({"pid", "process", "allocations", "bytes", "live_blocks", "live_bytes", "stack"});
+        add({"pid", "process", "allocations", "bytes", "live_blocks", "live_bytes", "stack", "retains", "releases"});
     } else if (identifier == kOrphanFinderId) {
         add({"time_ns", "search", "pid", "process", "kind", "new", "address", "bytes", "holder", "allocated_ns",
              "stack"});
@@ -211,6 +214,14 @@ void CsvExporter::onFree(const ExportFree& free)
     site.liveBytes -= free.allocation.sizeBytes;
 }
 
+void CsvExporter::onCount(const ExportCount& count)
+{
+    Site& site = _sites[{count.process, count.stack}];
+    const int change = heap::changeOf(count.counting);
+    site.retains += change > 0;
+    site.releases += change < 0;
+}
+
 void CsvExporter::writeSites()
 {
     for (const auto& [key, site] : _sites) {
@@ -222,7 +233,9 @@ void CsvExporter::writeSites()
             .add(site.bytes)
             .add(site.liveBlocks)
             .add(site.liveBytes)
-            .addCell(stackCell(key.second));
+            .addCell(stackCell(key.second))
+            .add(site.retains)
+            .add(site.releases);
     }
 }
 

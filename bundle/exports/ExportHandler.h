@@ -50,6 +50,17 @@ struct ExportFault {
     uint32_t faultStack = 0;
 };
 
+/// A call that changed an object's count of references, or might have.
+struct ExportCount {
+    uint64_t timeNs = 0;
+    uint32_t process = 0;
+    uint32_t thread = 0; ///< id
+    heap::Counting counting = heap::Counting::kRef;
+    uint64_t object = 0;
+    uint64_t before = 0; ///< its count; 0: not known
+    uint32_t stack = 0; ///< never 0
+};
+
 /// A search for leaks; its leaks are told next.
 struct ExportSearch {
     uint64_t timeNs = 0;
@@ -75,6 +86,7 @@ public:
     virtual void onAllocation(const ExportAllocation& /*allocation*/) { }
     virtual void onFree(const ExportFree& /*free*/) { }
     virtual void onFault(const ExportFault& /*fault*/) { }
+    virtual void onCount(const ExportCount& /*count*/) { }
     virtual void onSearch(const ExportSearch& /*search*/) { }
     virtual void onLeak(const ExportLeak& /*leak*/) { }
     /// A search that did not come about; why.

@@ -209,9 +209,8 @@ void FirefoxExporter::onFault(const ExportFault& fault)
     data.address(fault.address);
     if (fault.faultStack != 0)
         data.cause(since(fault.timeNs), _parts->tables.rowOf(fault.faultStack));
-    const bool isWrite = fault.fault == heap::Fault::kWritten;
     _parts->threads.addMarker(_parts->threads.mainOf(fault.process), fault.timeNs, fault.timeNs,
-                              isWrite ? "written after its free" : "freed twice", FirefoxCategory::kMemory,
+                              nameOf(fault.fault), FirefoxCategory::kMemory,
                               data.text());
 }
 

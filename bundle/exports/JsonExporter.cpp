@@ -22,6 +22,7 @@ private:
     void onAllocation(const ExportAllocation& allocation) override;
     void onFree(const ExportFree& free) override;
     void onFault(const ExportFault& fault) override;
+    void onCount(const ExportCount& count) override;
     void onSearch(const ExportSearch& search) override;
     void onLeak(const ExportLeak& leak) override;
     void onNotSearched(uint64_t timeNs, uint32_t process, std::string_view reason) override;
@@ -113,10 +114,19 @@ void JsonExporter::onFree(const ExportFree& free)
 
 void JsonExporter::onFault(const ExportFault& fault)
 {
-    const bool isWrite = fault.fault == heap::Fault::kWritten;
-    row("heap").beginArray().value(isWrite ? "written_after_free" : "freed_twice").value(since(fault.timeNs));
+    static constexpr const char* kNames[heap::kFaults] = {"freed_twice", "written_after_free", "retained_after_free",
+                                                          "released_after_free"};
+    row("heap").beginArray().value(kNames[static_cast<size_t>(fault.fault)]).value(since(fault.timeNs));
     _json->value(fault.process).value(fault.address).value(fault.byte);
     _json->value(fault.allocateStack).value(fault.freeStack).value(fault.faultStack).endArray();
+}
+
+void JsonExporter::onCount(const ExportCount& count)
+{
+    static constexpr const char* kNames[] = {"release", "sink", "retain"};
+    row("heap").beginArray().value(kNames[heap::changeOf(count.counting) + 1]).value(since(count.timeNs));
+    _json->value(count.process).value(count.stack).value(count.thread).value(count.object).value(count.before);
+    _json->value(nameOf(count.counting)).endArray();
 }
 
 void JsonExporter::onSearch(const ExportSearch& search)

@@ -61,6 +61,13 @@ public:
         _handler.onFault({timeNs, process(), record.fault, record.address, record.byte, stack(record.allocateStack),
                           stack(record.freeStack), stack(record.faultStack)});
     }
+    void onCount(uint64_t timeNs, const heap::CountRecord& record) override
+    {
+        _timeNs = timeNs;
+        if (_source.isWithin(timeNs))
+            _handler.onCount({timeNs, process(), record.thread, record.counting, record.object, record.before,
+                              stackOf(record.stack)});
+    }
     void onLost(uint64_t timeNs, heap::LostCause cause, uint64_t newly, uint64_t) override
     {
         static constexpr const char* kCauses[heap::kLostCauses] = {

@@ -43,6 +43,7 @@ public:
     JournalCollector(const HeapCollectorOptions& options, RecordSink& sink, HeapTargetObserver& observer)
         : _sink(sink),
           _observer(observer),
+          _identifiesClasses((options.eventsMask & journal::kClassNames) != 0),
           _recording(options.eventsMask, _scale, sink)
     {
     }
@@ -68,6 +69,7 @@ private:
     std::vector<uint64_t> reallocating() const override { return _recording.reallocating(); }
     bool knowsAllBlocks() const override { return _attachedPid == 0; } // a launch loads it first of all
     uint64_t lostEvents() const override;
+    bool identifiesClasses() const override { return _identifiesClasses; }
 
     Status startThread();
     uint32_t journalFlags(const HeapCollectorOptions& options) const;
@@ -84,10 +86,12 @@ private:
     void watchProgram();
     void endTarget(bool replaced);
     void collectLosses();
+    void identifyClasses();
     void pause(bool more);
 
     RecordSink& _sink;
     HeapTargetObserver& _observer;
+    const bool _identifiesClasses;
     TimeScale _scale;
     HeapRecording _recording;
     std::unique_ptr<JournalReader> _reader; ///< null: no target now
@@ -225,6 +229,7 @@ Status JournalCollector::stopCollection()
     Status status;
     ask([this, &status] {
         drainUntilNow();
+        identifyClasses();
         collectLosses();
         status = _recording.stopCollection(sys::monotonicNs(), threadCpuNs());
     });
@@ -352,12 +357,28 @@ void JournalCollector::collectLosses()
     }
 }
 
+/// A look at the live blocks as the target has them now: at the end of collection, or of the target itself. A target
+/// that ends by a signal has taken its blocks with it.
+void JournalCollector::identifyClasses()
+{
+    if (!_identifiesClasses || !_reader || !_recording.isCollecting())
+        return;
+    const auto look = lookAtClasses(_reader->pid(), is32Bit(), _recording.blocks());
+    if (look.ok()) {
+        _observer.onNewCode(_reader->pid()); // of modules that did not allocate yet
+        _recording.recordClasses(sys::monotonicNs(), look.value());
+    } else if (look.code() != Code::kNotFound) {
+        _sink.reportProblem("the classes of the target's blocks are not known: " + look.status().message());
+    }
+}
+
 void JournalCollector::housework(uint64_t nowNs)
 {
     if (_reader && _reader->exitAsked()) {
         drainUntilNow();
         if (_recording.stacks().takeNewCode())
             _observer.onNewCode(_reader->pid());
+        identifyClasses();
         _observer.onTargetExiting(*this);
         _reader->answerExit();
     }

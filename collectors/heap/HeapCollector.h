@@ -15,7 +15,7 @@ namespace vnt {
 struct HeapCollectorOptions {
     uint32_t eventsMask = 0;
     uid_t clientUid = 0;
-    bool keepZombies = false;
+    bool keepZombies = false; ///< of a launched target
     std::string journalDirectory; ///< with the journals' libraries of both widths; for attach()
 };
 

@@ -16,6 +16,13 @@ constexpr size_t kMaxZombies = 1u << 20;
 constexpr uint32_t kNotMoving = LiveBlocks::kNone;
 constexpr uint32_t kUnknownMoving = LiveBlocks::kNone - 1; ///< a block that was not known moves
 
+heap::Fault faultOf(const JournalEvent& event)
+{
+    if (event.kind == journal::kCountOfFreed)
+        return heap::changeOf(event.counting) < 0 ? heap::Fault::kReleased : heap::Fault::kRetained;
+    return event.kind == journal::kDamaged ? heap::Fault::kWritten : heap::Fault::kSecondFree;
+}
+
 } // namespace
 
 HeapRecording::HeapRecording(uint32_t eventsMask, const TimeScale& scale, RecordSink& sink)
@@ -44,7 +51,11 @@ void HeapRecording::onEvent(const JournalEvent& event)
         break;
     case journal::kSecondFree:
     case journal::kDamaged:
+    case journal::kCountOfFreed:
         recordFault(event, timeNs);
+        break;
+    case journal::kCount:
+        recordCount(event, timeNs);
         break;
     default:
         endRealloc(event, timeNs);
@@ -103,13 +114,35 @@ void HeapRecording::recordFault(const JournalEvent& event, uint64_t timeNs)
     const auto found = _zombies.find(event.address);
     const Zombie zombie = found == _zombies.end() ? Zombie{} : found->second;
     heap::FaultRecord fault;
-    fault.fault = event.kind == journal::kDamaged ? heap::Fault::kWritten : heap::Fault::kSecondFree;
+    fault.fault = faultOf(event);
     fault.address = event.address;
     fault.byte = event.sizeBytes;
     fault.allocateStack = _stacks.written(zombie.allocateStack, _writer);
     fault.freeStack = _stacks.written(zombie.freeStack, _writer);
     fault.faultStack = _stacks.written(event.stack, _writer);
     _writer.addFault(timeNs, fault);
+}
+
+void HeapRecording::recordCount(const JournalEvent& event, uint64_t timeNs)
+{
+    if (!_collecting)
+        return;
+    heap::CountRecord count;
+    count.counting = event.counting;
+    count.thread = event.thread;
+    count.stack = _stacks.written(event.stack, _writer);
+    count.before = event.sizeBytes;
+    count.object = event.address;
+    _writer.addCount(timeNs, count);
+}
+
+void HeapRecording::recordClasses(uint64_t timeNs, const ClassLook& look)
+{
+    if (!_collecting)
+        return;
+    _writer.addClassLook(timeNs, look.blocks, look.bytes);
+    for (const heap::ClassRecord& found : look.classes)
+        _writer.addClass(timeNs, found);
 }
 
 void HeapRecording::recordFree(uint64_t timeNs, heap::Function function, uint32_t slot)

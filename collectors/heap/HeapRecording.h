@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "collectors/common/RecordSink.h"
+#include "collectors/heap/ClassLook.h"
 #include "collectors/heap/HeapStacks.h"
 #include "collectors/heap/JournalReader.h"
 #include "collectors/heap/LiveBlocks.h"
@@ -23,6 +24,8 @@ public:
     void beginProgram(uint64_t timeNs, const heap::TargetRecord& target);
     void endProgram(uint64_t timeNs, uint32_t pid);
     void noteLost(heap::LostCause cause, uint64_t total);
+    /// The classes of the live blocks as they are now, while collection runs.
+    void recordClasses(uint64_t timeNs, const ClassLook& look);
 
     void startCollection(uint64_t timeNs);
     /// Everything is handed to the sink before it returns.
@@ -47,6 +50,7 @@ private:
     void endRealloc(const JournalEvent& event, uint64_t timeNs);
     void keepZombie(const JournalEvent& event, uint64_t timeNs);
     void recordFault(const JournalEvent& event, uint64_t timeNs);
+    void recordCount(const JournalEvent& event, uint64_t timeNs);
     void recordFree(uint64_t timeNs, heap::Function function, uint32_t slot);
     void dropSlot(uint32_t slot);
     void writeLosses(uint64_t timeNs);

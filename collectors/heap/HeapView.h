@@ -33,6 +33,8 @@ public:
     [[nodiscard]] virtual bool knowsAllBlocks() const = 0;
     /// Allocations and frees that the journal lost: there may be blocks that are not in blocks(), and the other way.
     [[nodiscard]] virtual uint64_t lostEvents() const = 0;
+    /// The names of C++ classes were asked for.
+    [[nodiscard]] virtual bool identifiesClasses() const = 0;
 };
 
 } // namespace vnt

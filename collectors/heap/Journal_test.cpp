@@ -104,6 +104,27 @@ TEST_F(JournalTest, StacksAreRememberedBySlot)
     EXPECT_EQ(frames, (std::vector<uint64_t>{0x401000, 0x402000}));
 }
 
+TEST_F(JournalTest, CountsAreThoseOfTheThreadThatSaidItsIdLast)
+{
+    const auto count = [this](uint64_t time, uint64_t object, uint64_t before, Counting counting) {
+        put(rings[0], {kCount | time << 4, object | uint64_t{kNoStack} << kLowBits, before | uint64_t{counting} << kLowBits});
+    };
+    put(rings[0], {kThread | 77 << 4});
+    rings[0].header.lastTime = 0;
+    count(1, 0x1000, 1, kRef);
+    allocate(rings[0], 2, 0x2000);
+    put(rings[0], {kThread | 78 << 4}); // the ring's next owner
+    count(3, 0x1000, 2, kUnref);
+    drain(10);
+    ASSERT_EQ(events.size(), 3u);
+    EXPECT_EQ(events[0].thread, 77u);
+    EXPECT_EQ(events[0].counting, heap::Counting::kRef);
+    EXPECT_EQ(events[0].sizeBytes, 1u);
+    EXPECT_EQ(events[1].kind, kAllocate);
+    EXPECT_EQ(events[2].thread, 78u);
+    EXPECT_EQ(events[2].counting, heap::Counting::kUnref);
+}
+
 /// What makes no sense ends its own ring only.
 TEST_F(JournalTest, AHostileRingIsGivenUp)
 {
@@ -114,8 +135,19 @@ TEST_F(JournalTest, AHostileRingIsGivenUp)
     const Row rows[] = {
         {"unknown kind",
          [](Ring& ring) {
-             ring.words[0] = 9;
+             ring.words[0] = 14;
              ring.header.head = 1;
+         }},
+        {"a count that breaks off",
+         [](Ring& ring) {
+             ring.words[0] = kCount;
+             ring.header.head = 2;
+         }},
+        {"an unknown call",
+         [](Ring& ring) {
+             ring.words[0] = kCount;
+             ring.words[2] = uint64_t{heap::kCountings} << kLowBits;
+             ring.header.head = 3;
          }},
         {"record of zeros", [](Ring& ring) { ring.header.head = 4; }},
         {"head beyond the ring", [](Ring& ring) { ring.header.head = kRingWords + 1; }},

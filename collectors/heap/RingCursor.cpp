@@ -38,6 +38,11 @@ const JournalEvent* RingCursor::peek(HeapStacks& stacks)
 {
     while (!_peeked && available() != 0) {
         const uint64_t head = word(0);
+        if ((head & 0xf) == kThread) {
+            _event.thread = static_cast<uint32_t>(head >> 4);
+            ++_position;
+            continue;
+        }
         const bool sound = (head & 0xf) == kStack ? readStack(head, stacks) : readEvent(head);
         if (!sound)
             return nullptr;
@@ -64,7 +69,8 @@ bool RingCursor::readStack(uint64_t head, HeapStacks& stacks)
 bool RingCursor::readEvent(uint64_t head)
 {
     const auto kind = static_cast<Kind>(head & 0xf);
-    const bool allocates = kind == kAllocate || (kind >= kReallocEnd && kind <= kDamaged); // by its layout
+    const bool counts = kind == kCount || kind == kCountOfFreed;
+    const bool allocates = counts || kind == kAllocate || (kind >= kReallocEnd && kind <= kDamaged); // by its layout
     if (!allocates && kind != kFree && kind != kReallocBegin)
         return fail();
     const uint32_t words = allocates ? kAllocateWords : kFreeWords;
@@ -79,6 +85,9 @@ bool RingCursor::readEvent(uint64_t head)
     _event.sizeBytes = sized & kLowMask;
     const auto high = static_cast<uint32_t>(place >> kLowBits);
     const auto function = allocates ? static_cast<uint32_t>(sized >> kLowBits) : high;
+    if (counts && function >= heap::kCountings)
+        return fail();
+    _event.counting = counts ? static_cast<heap::Counting>(function) : heap::Counting::kRef;
     _event.function = function < heap::kFunctions ? static_cast<heap::Function>(function) : heap::Function::kMalloc;
     _event.stack = allocates && high < _slots.size() ? _slots[high] : 0;
     _position += words;

@@ -16,6 +16,8 @@ struct JournalEvent {
     uint64_t sizeBytes = 0;
     uint32_t stack = 0; ///< of HeapStacks
     heap::Function function = heap::Function::kMalloc;
+    heap::Counting counting = heap::Counting::kRef; ///< of kCount and kCountOfFreed
+    uint32_t thread = 0; ///< likewise: the thread's id
     uint32_t ring = 0;
 };
 

@@ -1,6 +1,7 @@
 #include "collectors/orphans/OrphanSearch.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "collectors/orphans/LeakGraph.h"
 #include "collectors/orphans/Reachability.h"
@@ -37,6 +38,17 @@ std::string contentsOf(const BlockIndex::Place& place, MemoryImage& image)
     return contents;
 }
 
+/// What a block begins with; 0 when it is too small or cannot be read.
+uint64_t wordOf(const BlockIndex::Place& place, unsigned width, MemoryImage& image)
+{
+    uint64_t skipped = 0;
+    const auto bytes = image.view(place.start, width, skipped);
+    uint64_t word = 0;
+    if (place.sizeBytes >= width && skipped == 0 && bytes.size() >= width)
+        std::memcpy(&word, bytes.data(), width); // little-endian, as we are
+    return word;
+}
+
 uint32_t flagsOf(const Snapshot& snapshot, const OrphanSearch::Options& options)
 {
     const bool registers = std::all_of(snapshot.threads.begin(), snapshot.threads.end(),
@@ -60,6 +72,11 @@ OrphanSearch::OrphanSearch(const Options& options) : _options(options), _request
 
 Status OrphanSearch::look(HeapView& heap)
 {
+    if (heap.identifiesClasses()) {
+        // Of a moment before: a module that is loaded meanwhile has no names.
+        if (auto modules = ModuleSpans::read(heap.pid()); modules.ok())
+            _modules = modules.take();
+    }
     const SnapshotOptions options{_options.atExit, _options.limitBytes};
     ASSIGN_OR_RETURN(_snapshot, takeSnapshot(heap, options, [this](Snapshot& snapshot) { _judged = judge(snapshot); }));
     return {};
@@ -124,6 +141,12 @@ OrphanResult OrphanSearch::judge(Snapshot& snapshot)
         found.record.holder = leak.holder;
         found.record.timeNs = block.timeNs;
         found.record.function = static_cast<uint8_t>(block.function);
+        if (_modules) {
+            found.record.table = wordOf(blocks.place(leak.block), width, snapshot.image);
+            found.record.code = _modules->codeOf(found.record.table);
+            if (found.record.code == 0)
+                found.record.table = 0;
+        }
         if (_options.contents)
             found.record.contents = contentsOf(blocks.place(leak.block), snapshot.image);
     }

@@ -4,6 +4,7 @@
 #include <optional>
 #include <vector>
 
+#include "collectors/heap/ModuleSpans.h"
 #include "collectors/orphans/Snapshot.h"
 #include "records/OrphanRecords.h"
 
@@ -44,6 +45,7 @@ private:
 
     const Options _options;
     const uint64_t _requestedNs;
+    std::optional<ModuleSpans> _modules; ///< where classes are asked for
     std::unique_ptr<Snapshot> _snapshot;
     std::optional<OrphanResult> _judged; ///< of a target that had to be judged while it stood still
 };

@@ -34,6 +34,10 @@ Command addRecord(CLI::App& tool)
         ->check(CLI::IsMember({"user", "kernel", "both"}))
         ->capture_default_str();
     record->add_flag("--zombies", options->zombies, "Heap Recorder: find uses of freed blocks (slower, more memory)");
+    record->add_flag("--reference-counts", options->referenceCounts,
+                     "Heap Recorder: who retains and releases counted objects");
+    record->add_flag("--class-names", options->classNames,
+                     "Heap Recorder, Orphan Finder: the C++ classes of live and leaked blocks");
     record->add_flag("--contents", options->contents, "Orphan Finder: also the first bytes of each leak");
     record->add_flag("--no-backtraces", options->noBacktraces, "Orphan Finder: without the stacks that allocated");
     record->add_flag("--system", options->system,

@@ -152,6 +152,10 @@ cf::Owned<CFMutableDictionaryRef> sessionOptions(const RecordOptions& options, c
         ::setenv(orphans::kContentsVariable, "1", /*overwrite=*/1); // for the search at the program's exit
     if (options.zombies)
         cf::set(dictionary, "quillon.vnt.option.enablezombies", cf::Owned<CFBooleanRef>(VntBoolean(true)));
+    if (options.referenceCounts)
+        cf::set(dictionary, "quillon.vnt.option.referencecounting", cf::Owned<CFBooleanRef>(VntBoolean(true)));
+    if (options.classNames)
+        cf::set(dictionary, "quillon.vnt.option.identifycpp", cf::Owned<CFBooleanRef>(VntBoolean(true)));
     if (options.allProcesses)
         cf::set(dictionary, "quillon.vnt.option.rumbelattach", cf::string("-1"));
     else if (options.pid)
@@ -312,6 +316,8 @@ void takeNote(VantoraSession session, const RecordOptions& options)
     recording.stackOptions = stackOptions(options);
     recording.censusRate = options.censusIntervalMs / kCensusRateUnitMs;
     recording.zombies = options.zombies;
+    recording.referenceCounts = options.referenceCounts;
+    recording.classNames = options.classNames;
     recording.leakContents = options.contents;
     recording.leakBacktraces = !options.noBacktraces;
     note.store(new RecordingNote(std::move(recording)));

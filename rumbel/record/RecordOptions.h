@@ -21,6 +21,8 @@ struct RecordOptions {
     int32_t windowSec = 0; ///< not 0: only this much before each pause or the end is kept (samples, kernel events)
     uint32_t censusIntervalMs = 1000; ///< between two looks at all processes
     bool zombies = false; ///< Heap Recorder: keep freed blocks, and find out who uses them
+    bool referenceCounts = false; ///< Heap Recorder: who retains and releases counted objects
+    bool classNames = false; ///< Heap Recorder, Orphan Finder: the C++ classes of blocks
     bool contents = false; ///< Orphan Finder: also the first bytes of what is lost
     bool noBacktraces = false; ///< Orphan Finder: not where it was allocated
     std::string stacks = "user"; ///< user, kernel or both

@@ -40,6 +40,8 @@ Result<std::vector<std::byte>> encoded(const NotedRecording& note)
     archive.encodeInt64(note.stackOptions, "stackOptions");
     archive.encodeInt64(note.censusRate, "censusRate");
     archive.encodeBool(note.zombies, "zombies");
+    archive.encodeBool(note.referenceCounts, "referenceCounts");
+    archive.encodeBool(note.classNames, "classNames");
     archive.encodeBool(note.leakContents, "leakContents");
     archive.encodeBool(note.leakBacktraces, "leakBacktraces");
     archive.encodeInt64(note.startSeconds, "startSeconds");
@@ -87,6 +89,8 @@ Result<NotedRecording> readNote(const std::string& path)
     note.stackOptions = archive.decodeInt64("stackOptions");
     note.censusRate = archive.decodeInt64("censusRate");
     note.zombies = archive.decodeBool("zombies");
+    note.referenceCounts = archive.decodeBool("referenceCounts"); // false where an earlier version wrote the note
+    note.classNames = archive.decodeBool("classNames");
     note.leakContents = archive.decodeBool("leakContents");
     note.leakBacktraces = archive.decodeBool("leakBacktraces");
     note.startSeconds = archive.decodeInt64("startSeconds");

@@ -27,6 +27,8 @@ struct NotedRecording {
     int64_t stackOptions = 0;
     int64_t censusRate = 0; ///< in 100 ms
     bool zombies = false;
+    bool referenceCounts = false;
+    bool classNames = false;
     bool leakContents = false;
     bool leakBacktraces = false;
     int64_t startSeconds = 0; ///< since 1970

@@ -22,8 +22,8 @@ void encodeSettings(KeyedArchiver& archive, std::string_view identifier, const N
         archive.encodeObject(nullptr, archivekey::kKernelEventXml);
     } else if (identifier == kHeapRecorderId) {
         archive.encodeBool(note.zombies, "quillon.vnt.data.enablezombies");
-        archive.encodeBool(false, "quillon.vnt.data.referencecounting");
-        archive.encodeBool(false, "quillon.vnt.data.identifycpp");
+        archive.encodeBool(note.referenceCounts, "quillon.vnt.data.referencecounting");
+        archive.encodeBool(note.classNames, "quillon.vnt.data.identifycpp");
     } else if (identifier == kOrphanFinderId) {
         archive.encodeBool(note.leakContents, "quillon.vnt.data.includecontext");
         archive.encodeBool(note.leakBacktraces, "quillon.vnt.data.providebacktraces");

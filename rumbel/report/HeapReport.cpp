@@ -7,6 +7,7 @@
 
 #include "bundle/HeapProfile.h"
 #include "bundle/Instruments.h"
+#include "records/HeapJournal.h"
 #include "rumbel/report/textLines.h"
 
 namespace vnt {
@@ -18,6 +19,8 @@ constexpr size_t kShownSites = 12; // a summary is one screen; --tree shows more
 constexpr size_t kMaxNameColumn = 60;
 constexpr size_t kShownCallers = 8;
 constexpr size_t kShownFaults = 3;
+constexpr size_t kShownClasses = 12;
+constexpr size_t kShownUnbalanced = 3;
 constexpr std::string_view kFunctionNames[heap::kFunctions] = {"malloc",  "calloc",       "realloc",
                                                                "aligned", "operator new", "operator new[]"};
 
@@ -56,6 +59,10 @@ private:
     void writeFaults(const ReportOptions& options, std::ostream& out) const;
     [[nodiscard]] std::string pathText(const std::vector<uint32_t>& path) const;
     [[nodiscard]] Json pathJson(const std::vector<uint32_t>& path) const;
+    void writeReferences(const ReportOptions& options, std::ostream& out) const;
+    void writeUnbalanced(const UnbalancedObjects& group, std::ostream& out) const;
+    void writeClasses(const ReportOptions& options, std::ostream& out) const;
+    [[nodiscard]] Json referencesJson() const;
     void writeSizes(std::ostream& out) const;
     void writeSites(const ReportOptions& options, std::ostream& out) const;
     void writeSite(const HeapSite& site, size_t nameColumn, std::ostream& out) const;
@@ -96,6 +103,8 @@ void HeapReport::writeText(const ReportOptions& options, std::ostream& out) cons
         out << "\n  There are no allocations.\n";
     else
         writeSites(options, out);
+    writeClasses(options, out);
+    writeReferences(options, out);
 }
 
 void HeapReport::writeLosses(std::ostream& out) const
@@ -130,13 +139,64 @@ void HeapReport::writeFaults(const ReportOptions& options, std::ostream& out) co
     const size_t shown = options.tree ? _profile.faults.size() : std::min(kShownFaults, _profile.faults.size());
     for (size_t i = 0; i < shown; ++i) {
         const HeapFault& fault = _profile.faults[i];
-        const bool written = fault.fault == heap::Fault::kWritten;
-        out << (written ? "\n  written after its free, at byte " + std::to_string(fault.byte) : "\n  freed twice")
-            << "\n    allocated   " << pathText(fault.allocated) << "\n    freed       " << pathText(fault.freed)
-            << "\n    " << (written ? "noticed     " : "again       ") << pathText(fault.noticed) << "\n";
+        static constexpr const char* kNoticed[heap::kFaults] = {"again       ", "noticed     ", "retained    ",
+                                                                "released    "};
+        out << "\n  " << nameOf(fault.fault);
+        if (fault.fault == heap::Fault::kWritten)
+            out << ", at byte " << fault.byte;
+        out << "\n    allocated   " << pathText(fault.allocated) << "\n    freed       " << pathText(fault.freed)
+            << "\n    " << kNoticed[static_cast<size_t>(fault.fault)] << pathText(fault.noticed) << "\n";
     }
     if (shown < _profile.totals.faults)
         out << "  and " << grouped(_profile.totals.faults - shown) << " more\n";
+}
+
+/// The classes of live blocks.
+void HeapReport::writeClasses(const ReportOptions& options, std::ostream& out) const
+{
+    const HeapClasses& classes = _profile.classes;
+    if (!classes.known)
+        return;
+    if (classes.classes.empty()) {
+        out << "\n  No live block holds an object of a C++ class that can be named.\n";
+        return;
+    }
+    const size_t shown = options.tree ? classes.classes.size() : std::min(kShownClasses, classes.classes.size());
+    out << "\n       live       blocks  class\n";
+    for (size_t i = 0; i < shown; ++i) {
+        const HeapClass& each = classes.classes[i];
+        out << std::right << std::setw(11) << bytes(each.bytes) << std::setw(13) << grouped(each.blocks) << "  "
+            << printable(each.name) << "\n";
+    }
+    if (shown < classes.classes.size())
+        out << "  and " << grouped(classes.classes.size() - shown) << " more\n";
+}
+
+void HeapReport::writeUnbalanced(const UnbalancedObjects& group, std::ostream& out) const
+{
+    out << "\n  " << plural(group.objects, "object") << ", " << grouped(group.retains) << " retained, "
+        << grouped(group.releases) << " released\n";
+    for (const UnbalancedObjects::Use& use : group.uses) {
+        if (use.retains != 0)
+            out << "    retained" << std::setw(9) << grouped(use.retains) << "  " << pathText(use.path) << "\n";
+        if (use.releases != 0)
+            out << "    released" << std::setw(9) << grouped(use.releases) << "  " << pathText(use.path) << "\n";
+    }
+}
+
+void HeapReport::writeReferences(const ReportOptions& options, std::ostream& out) const
+{
+    const ReferenceCounts& counts = _profile.counts;
+    if (counts.empty())
+        return;
+    out << "\n  Counted objects: " << grouped(counts.objects) << ", retained " << grouped(counts.retains)
+        << " times, released " << grouped(counts.releases) << " times\n"
+        << "  Retained more than released, and left: " << grouped(counts.unbalancedObjects) << "\n";
+    const size_t shown = options.tree ? counts.unbalanced.size() : std::min(kShownUnbalanced, counts.unbalanced.size());
+    for (size_t i = 0; i < shown; ++i)
+        writeUnbalanced(counts.unbalanced[i], out);
+    if (shown < counts.unbalanced.size())
+        out << "  and " << grouped(counts.unbalanced.size() - shown) << " more\n";
 }
 
 /// The three commonest sizes.
@@ -211,6 +271,36 @@ Json HeapReport::pathJson(const std::vector<uint32_t>& path) const
     return json;
 }
 
+Json HeapReport::referencesJson() const
+{
+    const ReferenceCounts& counts = _profile.counts;
+    Json unbalanced = Json::array();
+    for (const UnbalancedObjects& group : counts.unbalanced) {
+        Json retained = Json::array();
+        Json released = Json::array();
+        for (const UnbalancedObjects::Use& use : group.uses) {
+            if (use.retains != 0)
+                retained.push_back({{"count", use.retains}, {"stack", pathJson(use.path)}});
+            if (use.releases != 0)
+                released.push_back({{"count", use.releases}, {"stack", pathJson(use.path)}});
+        }
+        unbalanced.push_back({{"objects", group.objects},
+                              {"retains", group.retains},
+                              {"releases", group.releases},
+                              {"address", group.address},
+                              {"count", group.count},
+                              {"retained", std::move(retained)},
+                              {"released", std::move(released)}});
+    }
+    return {{"retains", counts.retains},
+            {"releases", counts.releases},
+            {"unchanged", counts.unchanged},
+            {"objects", counts.objects},
+            {"unbalanced_objects", counts.unbalancedObjects},
+            {"not_followed", counts.notFollowed},
+            {"unbalanced", std::move(unbalanced)}};
+}
+
 void HeapReport::addJson(const ReportOptions&, Json& json) const
 {
     const HeapTotals& totals = _profile.totals;
@@ -250,12 +340,21 @@ void HeapReport::addJson(const ReportOptions&, Json& json) const
     }
     json["sites"] = std::move(sites);
     json["faults"] = Json::array();
+    static constexpr const char* kFaultNames[heap::kFaults] = {"second free", "written", "retained", "released"};
     for (const HeapFault& fault : _profile.faults)
-        json["faults"].push_back({{"fault", fault.fault == heap::Fault::kWritten ? "written" : "second free"},
+        json["faults"].push_back({{"fault", kFaultNames[static_cast<size_t>(fault.fault)]},
                                   {"byte", fault.byte},
                                   {"allocated", pathJson(fault.allocated)},
                                   {"freed", pathJson(fault.freed)},
                                   {"noticed", pathJson(fault.noticed)}});
+    if ((totals.eventsMask & journal::kCountEvents) != 0 || !_profile.counts.empty())
+        json["reference_counts"] = referencesJson();
+    if (!_profile.classes.known)
+        return;
+    json["classes_looked_at"] = {{"live_blocks", _profile.classes.blocks}, {"bytes", _profile.classes.bytes}};
+    json["classes"] = Json::array();
+    for (const HeapClass& each : _profile.classes.classes)
+        json["classes"].push_back({{"class", each.name}, {"live_blocks", each.blocks}, {"bytes", each.bytes}});
 }
 
 } // namespace

@@ -195,6 +195,8 @@ Json OrphanReport::leaksJson(const OrphanSummary& summary) const
             json["stack"].push_back(name(path->second[f]));
         if ((latest()->search.flags & SearchRecord::kHasContents) != 0)
             json["contents"] = hexText(leak.contents);
+        if (!_profile.classes[i].empty())
+            json["class"] = _profile.classes[i];
         list.push_back(std::move(json));
     }
     return list;

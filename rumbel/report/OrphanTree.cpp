@@ -81,12 +81,12 @@ uint64_t TreeWriter::heldBytes(const Group& group) const
 /// Those that hold nothing and are alike together, the others alone; most bytes first.
 std::vector<TreeWriter::Group> TreeWriter::grouped(const std::vector<size_t>& leaks) const
 {
-    std::map<std::tuple<uint32_t, uint64_t, orphans::Kind>, Group> alike;
+    std::map<std::tuple<uint32_t, uint64_t, orphans::Kind, std::string_view>, Group> alike;
     std::vector<Group> groups;
     for (const size_t leak : leaks) {
         const orphans::LeakRecord& record = _profile.leaks[leak];
         if (_held[leak].empty())
-            alike[{record.stack, record.sizeBytes, record.kind}].push_back(leak);
+            alike[{record.stack, record.sizeBytes, record.kind, _profile.classes[leak]}].push_back(leak);
         else
             groups.push_back({leak});
     }
@@ -105,7 +105,10 @@ void TreeWriter::writeGroup(const Group& group, size_t depth)
     if (group.size() > 1)
         _out << vnt::grouped(group.size()) << " x ";
     _out << bytes(leak.sizeBytes) << (leak.kind == orphans::Kind::kCycle ? ", in a cycle" : "")
-         << (leak.isNew && _profile.searches.size() > 1 ? ", new" : "") << "  " << place(leak);
+         << (leak.isNew && _profile.searches.size() > 1 ? ", new" : "");
+    if (!_profile.classes[group.front()].empty())
+        _out << ", " << printable(_profile.classes[group.front()]);
+    _out << "  " << place(leak);
     if (blocks > 1)
         _out << "  keeps " << plural(blocks - 1, "block") << ", " << bytes(_bytes[group.front()] - leak.sizeBytes);
     if (!leak.contents.empty())

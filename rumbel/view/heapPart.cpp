@@ -52,7 +52,7 @@ Json faultsJson(const HeapProfile& profile, PageSymbols& symbols)
             break;
         char address[32];
         std::snprintf(address, sizeof address, "0x%" PRIx64, fault.address);
-        list.push_back({{"kind", fault.fault == heap::Fault::kWritten ? "written after its free" : "freed twice"},
+        list.push_back({{"kind", nameOf(fault.fault)},
                         {"address", address},
                         {"byte", fault.byte},
                         {"allocated", pathJson(fault.allocated, symbols)},

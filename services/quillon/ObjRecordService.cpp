@@ -13,6 +13,7 @@ constexpr std::string_view kServiceName = "quillon.server.services.objrecord";
 constexpr std::string_view kPreload = "LD_PRELOAD"; // ld.so(8)
 constexpr std::string_view kJournalFile =
     "/$LIB/libVntHeapJournal.so"; // the loader replaces $LIB by the program's class
+constexpr std::string_view kSlices = "G_SLICE"; // GLib's manual, "Running GLib Applications"
 constexpr uint32_t kZombieEvents = 0x00200000;
 
 /// Where the journals of all classes are: beside the program as built, or in its prefix as installed.
@@ -100,6 +101,9 @@ Ref<Object> ObjRecordService::prepareEnvironment(const Array& arguments)
     if (const auto inherited = given->get<String>(kPreload); inherited && !inherited->str().empty())
         preload += ":" + inherited->str();
     environment->set(kPreload, String::create(preload));
+    // GLib before 2.76 keeps the memory of its objects to itself, so that a freed one would be no freed block.
+    if (options.keepZombies && (options.eventsMask & journal::kCountEvents) != 0 && !given->get<String>(kSlices))
+        environment->set(kSlices, String::create("always-malloc"));
     environment->set(journal::kSocketVariable, String::create(_collector->socketName()));
     return environment;
 }

@@ -48,8 +48,14 @@ typedef enum vnt_bundle_kind {
     VNT_BUNDLE_COST = 17, /* values: processor_ns, what recording cost since its beginning */
     /* Orphan Finder */
     VNT_BUNDLE_LEAK_SEARCH = 18, /* name: the target; duration_ns: it stood still; values: what was found */
-    VNT_BUNDLE_LEAK = 19 /* name: direct, cycle or indirect; values: address, size, holder (number of the leak, from 1,
-                            that points to it; 0: none), is_new, allocated_ns */
+    VNT_BUNDLE_LEAK = 19, /* name: direct, cycle or indirect; values: address, size, holder (number of the leak, from 1,
+                             that points to it; 0: none), is_new, allocated_ns; perhaps table and code as of a class */
+    /* Heap Recorder, where asked for */
+    VNT_BUNDLE_COUNT = 20, /* name: the function called on a counted object; values: address, change (1, 0 or -1),
+                              before (the object's count of references; 0: unknown) */
+    VNT_BUNDLE_CLASS_LOOK = 21, /* the classes of live blocks follow, earlier ones are past; values: blocks, bytes */
+    VNT_BUNDLE_CLASS = 22 /* values: table (address that the blocks begin with), code (start of the code of the module
+                             that it is in), blocks, bytes */
     /* Later versions add kinds: skip what is not known. */
 } vnt_bundle_kind;
 
