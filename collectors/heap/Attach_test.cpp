@@ -198,6 +198,12 @@ protected:
         const std::string id = std::to_string(_target->pid());
         return sys::readFile("/proc/" + id + "/task/" + id + "/syscall", 512).take();
     }
+    /// The first thread waits for the next command: it is the one that is borrowed.
+    void awaitReading() const
+    {
+        const char* read = std::string_view(GetParam()) == "32" ? "3 " : "0 ";
+        EXPECT_TRUE(waitFor([&] { return systemCall().starts_with(read); }));
+    }
     void leave()
     {
         EXPECT_TRUE(_collector->stopCollection().ok());
@@ -257,6 +263,7 @@ TEST_P(AttachedChanges, ACallThatWaitsForALockIsGivenUp)
     leave();
     (void)tell("rest");
     (void)tell("hold");
+    awaitReading();
     const auto refused = attachTo(_target->pid(), *_sink, _observer); // borrows the first thread, which reads
     EXPECT_NE(refused.status().message().find("a lock that is needed was not free in time"), std::string::npos)
         << refused.status().message();
@@ -278,6 +285,7 @@ TEST_P(AttachedChanges, ACallThatAKilledRecorderLeftIsWaitedFor)
 {
     leave();
     (void)tell("hold");
+    awaitReading();
     const pid_t recorder = ::fork();
     if (recorder == 0) {
         (void)attachTo(_target->pid(), *_sink, _observer);
