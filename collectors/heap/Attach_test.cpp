@@ -195,6 +195,18 @@ protected:
     {
         return std::string(withDirectory ? VNT_TARGETS "/" : "") + "libheapplugin_" + binding + GetParam() + ".so";
     }
+    /// Which one its first thread is in, or "running" (/proc/PID/task/TID/syscall, proc(5)).
+    std::string systemCall() const
+    {
+        const std::string id = std::to_string(_target->pid());
+        return sys::readFile("/proc/" + id + "/task/" + id + "/syscall", 512).take();
+    }
+    /// The first thread waits for the next command: it is the one that is borrowed.
+    void awaitReading() const
+    {
+        const char* read = std::string_view(GetParam()) == "32" ? "3 " : "0 ";
+        EXPECT_TRUE(waitFor([&] { return systemCall().starts_with(read); }));
+    }
     void leave()
     {
         EXPECT_TRUE(_collector->stopCollection().ok());
@@ -248,16 +260,22 @@ TEST_P(AttachedChanges, LibrariesThatComeAndGoMeetRecordersThatDo)
     EXPECT_EQ(_target->end(), 0);
 }
 
-/// A call that is given up within the journal leaves nothing that the next one would wait for.
+/// A call that is given up within the journal leaves nothing that the next one, on another thread, would wait for.
 TEST_P(AttachedChanges, ACallThatWaitsForALockIsGivenUp)
 {
     leave();
+    (void)tell("rest");
     (void)tell("hold");
-    const auto refused = attachTo(_target->pid(), *_sink, _observer);
+    awaitReading();
+    const auto refused = attachTo(_target->pid(), *_sink, _observer); // borrows the first thread, which reads
     EXPECT_NE(refused.status().message().find("a lock that is needed was not free in time"), std::string::npos)
         << refused.status().message();
     (void)tell("release");
+    _target->say("spin\n");
+    EXPECT_TRUE(waitFor([this] { return systemCall().starts_with("running"); }));
     attach();
+    ::kill(_target->pid(), SIGUSR1);
+    EXPECT_EQ(_target->hearLine(), "done spin 0\n");
     (void)tell("load " + plugin("now"));
     (void)tell("call 20");
     leave();
@@ -270,14 +288,14 @@ TEST_P(AttachedChanges, ACallThatAKilledRecorderLeftIsWaitedFor)
 {
     leave();
     (void)tell("hold");
+    awaitReading();
     const pid_t recorder = ::fork();
     if (recorder == 0) {
         (void)attachTo(_target->pid(), *_sink, _observer);
         ::_exit(0);
     }
-    const std::string task = "/proc/" + std::to_string(_target->pid()) + "/task/" + std::to_string(_target->pid());
     const std::string futex = std::string_view(GetParam()) == "32" ? "240 " : "202 ";
-    const auto waits = [&] { return sys::readFile(task + "/syscall", 512).take().starts_with(futex); };
+    const auto waits = [&] { return systemCall().starts_with(futex); };
     EXPECT_TRUE(waitFor(waits)); // within the call, for the lock
     ::kill(recorder, SIGKILL);
     ::waitpid(recorder, nullptr, 0);

@@ -74,6 +74,13 @@ void* hold(void*)
     return nullptr;
 }
 
+void* rest(void*)
+{
+    while (!over)
+        ::usleep(1000);
+    return nullptr;
+}
+
 int statusOf(pid_t child)
 {
     int status = -1;
@@ -136,25 +143,26 @@ int main()
     char churned[4096];
     pthread_t thread{};
     pthread_t holder{};
+    pthread_t resting{};
     bool churns = false;
     ::signal(SIGUSR1, [](int) { isHeld = false; });
     answer("begin", 0);
     while (::fgets(line, sizeof line, stdin)) {
         line[::strcspn(line, "\n")] = 0;
-        const char* rest = ::strchr(line, ' ') ? ::strchr(line, ' ') + 1 : "";
+        const char* argument = ::strchr(line, ' ') ? ::strchr(line, ' ') + 1 : "";
         int result = 0;
         if (is(line, "load")) {
-            library = ::dlopen(rest, RTLD_NOW | RTLD_LOCAL);
+            library = ::dlopen(argument, RTLD_NOW | RTLD_LOCAL);
             if (!library)
                 wrong("a library");
         } else if (is(line, "find")) {
             reportPlugin(reinterpret_cast<Plugin>(::dlsym(library, "makeBlocks")));
         } else if (is(line, "call")) {
-            plugin(::atoi(rest));
+            plugin(::atoi(argument));
         } else if (is(line, "close")) {
             result = ::dlclose(library);
         } else if (is(line, "churn")) {
-            ::strcpy(churned, rest);
+            ::strcpy(churned, argument);
             churns = ::pthread_create(&thread, nullptr, churn, churned) == 0;
         } else if (is(line, "hold")) {
             result = ::pthread_create(&holder, nullptr, hold, nullptr);
@@ -163,16 +171,21 @@ int main()
         } else if (is(line, "release")) {
             isHeld = false;
             result = ::pthread_join(holder, nullptr);
+        } else if (is(line, "rest")) {
+            result = ::pthread_create(&resting, nullptr, rest, nullptr);
+        } else if (is(line, "spin")) {
+            isHeld = true;
+            while (isHeld) { }
         } else if (is(line, "child")) {
             result = lastingChild();
         } else if (is(line, "fork")) {
-            result = forked(::atoi(rest));
+            result = forked(::atoi(argument));
         } else if (is(line, "vfork")) {
             result = vforked();
         } else if (is(line, "spawn")) {
             result = spawned();
         } else if (is(line, "exec")) {
-            ::execl(rest, rest, "3", "spin", nullptr);
+            ::execl(argument, argument, "3", "spin", nullptr);
             wrong("an execution");
         }
         answer(line, result);
@@ -180,5 +193,7 @@ int main()
     over = true;
     if (churns)
         ::pthread_join(thread, nullptr);
+    if (resting)
+        ::pthread_join(resting, nullptr);
     return 0;
 }
