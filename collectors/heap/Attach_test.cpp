@@ -2,9 +2,7 @@
 #include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
-#include <sched.h>
 #include <signal.h>
-#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
 #include <sys/stat.h>
@@ -372,62 +370,39 @@ TEST_P(AttachedChanges, AnExecutionEndsTheRecordingAndAnotherMayBegin)
     EXPECT_EQ(_target->end(), 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Heap, AttachedChanges, testing::Values("", "32"),
-                         [](const auto& row) { return std::string("heapchanges") + row.param; });
-
 /// A process in a mount namespace and below a root directory of its own, as in a container, in which the journal's file
 /// is not.
-TEST(AttachElsewhere, ATargetThatDoesNotSeeTheLibraryIsHandedIt)
+TEST_P(AttachedChanges, ATargetThatDoesNotSeeTheLibraryIsHandedIt)
 {
     if (::geteuid() != 0)
         GTEST_SKIP() << "needs root to make a root directory";
+    leave();
+    _target = std::make_unique<test::TalkingTarget>(
+        std::vector<std::string>{std::string(VNT_TARGETS) + "/heapchanges" + GetParam()}); // one without the library
     const std::string root = testing::TempDir() + "/elsewhere-" + sys::randomHex(4);
     ASSERT_EQ(::mkdir(root.c_str(), 0755), 0);
-    int ready[2];
-    ASSERT_EQ(::pipe2(ready, O_CLOEXEC), 0);
-    const pid_t target = ::fork();
-    if (target == 0) {
-        const std::string proc = root + "/proc";
-        const bool made = ::unshare(CLONE_NEWNS) == 0
-            && ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0
-            && ::mount("none", root.c_str(), "tmpfs", 0, nullptr) == 0 && ::mkdir(proc.c_str(), 0755) == 0
-            && ::mount("proc", proc.c_str(), "proc", 0, nullptr) == 0 && ::chroot(root.c_str()) == 0
-            && ::chdir("/") == 0;
-        (void)!::write(ready[1], made ? "y" : "n", 1);
-        for (;;) {
-            void* volatile block = ::malloc(4327);
-            ::free(block);
-            ::usleep(500);
-        }
-    }
-    char answer = 0;
-    ASSERT_EQ(::read(ready[0], &answer, 1), 1);
-    std::string path;
-    if (answer == 'y') {
-        for (int i = 0; i < 3; ++i) {
-            CountingSink sink;
-            QuietObserver observer;
-            auto collector = attachTo(target, sink, observer);
-            ASSERT_TRUE(collector.ok()) << collector.status().message();
-            collector.value()->startCollection();
-            EXPECT_TRUE(waitFor([&] { return sink.ofPlugin > 20; }));
-        }
-        const std::string directory = "/proc/" + std::to_string(target);
-        EXPECT_EQ(sys::readFile(directory + "/maps", size_t{16} << 20).take().find("vantora-heap"), std::string::npos);
-        for (const std::string& number : sys::listDirectory(directory + "/fd").take()) {
-            char link[4096] = {};
-            (void)!::readlink((directory + "/fd/" + number).c_str(), link, sizeof link - 1);
-            EXPECT_EQ(std::string(link).find("memfd"), std::string::npos) << link;
-        }
-    }
-    EXPECT_EQ(::kill(target, SIGKILL), 0);
-    EXPECT_EQ(::waitpid(target, nullptr, 0), target);
-    ::close(ready[0]);
-    ::close(ready[1]);
+    const bool entered = tell("enter " + root) == "done enter 0\n";
     EXPECT_EQ(::rmdir(root.c_str()), 0);
-    if (answer != 'y')
+    if (!entered)
         GTEST_SKIP() << "needs the right to mount";
+    for (int i = 0; i < 3; ++i) {
+        attach();
+        (void)tell("make 200");
+        leave();
+        EXPECT_EQ(_sink->ofChild, 200U);
+    }
+    EXPECT_EQ(_target->maps().find("vantora-heap"), std::string::npos);
+    const std::string descriptors = "/proc/" + std::to_string(_target->pid()) + "/fd";
+    for (const std::string& number : sys::listDirectory(descriptors).take()) {
+        char link[4096] = {};
+        (void)!::readlink((descriptors + "/" + number).c_str(), link, sizeof link - 1);
+        EXPECT_EQ(std::string(link).find("memfd"), std::string::npos) << link;
+    }
+    EXPECT_EQ(_target->end(), 0);
 }
+
+INSTANTIATE_TEST_SUITE_P(Heap, AttachedChanges, testing::Values("", "32"),
+                         [](const auto& row) { return std::string("heapchanges") + row.param; });
 
 /// What cannot be attached to is refused with a sentence that says why, and is left as it was.
 TEST(AttachRefused, WithASentence)

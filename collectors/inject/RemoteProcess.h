@@ -52,7 +52,8 @@ public:
     Status read(uint64_t address, void* to, size_t size) const;
     Status write(uint64_t address, const void* from, size_t size) const;
 
-    /// Address of a function or a variable that the module exports. Errors: kNotFound; kCorrupt when its tables make no sense.
+    /// Address of a function or a variable that the module exports. Errors: kNotFound; kCorrupt when its tables make no
+    /// sense.
     Result<uint64_t> function(const RemoteModule& module, std::string_view name) const;
     /// Where these bytes stand in the module's code; 0 when they do not.
     [[nodiscard]] uint64_t findCode(const RemoteModule& module, std::string_view bytes) const;

@@ -11,14 +11,18 @@
 // and ends with its input. Blocks are of kPluginBytes, those of a child of kChildBytes.
 
 #include <dlfcn.h>
+#include <errno.h>
 #include <link.h>
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -72,6 +76,24 @@ void* hold(void*)
 {
     ::dl_iterate_phdr(keepLock, nullptr);
     return nullptr;
+}
+
+void makeBlocks(int count)
+{
+    for (int i = 0; i < count; ++i) {
+        void* volatile block = ::malloc(kChildBytes);
+        ::free(block);
+    }
+}
+
+int enter(const char* root)
+{
+    char proc[4200];
+    ::snprintf(proc, sizeof proc, "%s/proc", root);
+    const bool entered = ::unshare(CLONE_NEWNS) == 0 && ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0
+        && ::mount("none", root, "tmpfs", 0, nullptr) == 0 && ::mkdir(proc, 0755) == 0
+        && ::mount("proc", proc, "proc", 0, nullptr) == 0 && ::chroot(root) == 0 && ::chdir("/") == 0;
+    return entered ? 0 : errno;
 }
 
 void* rest(void*)
@@ -171,6 +193,10 @@ int main()
         } else if (is(line, "release")) {
             isHeld = false;
             result = ::pthread_join(holder, nullptr);
+        } else if (is(line, "make")) {
+            makeBlocks(::atoi(argument));
+        } else if (is(line, "enter")) {
+            result = enter(argument);
         } else if (is(line, "rest")) {
             result = ::pthread_create(&resting, nullptr, rest, nullptr);
         } else if (is(line, "spin")) {
