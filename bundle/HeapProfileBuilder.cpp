@@ -297,8 +297,8 @@ void HeapProfileBuilder::finish(HeapProfile& profile)
             {record.fault, record.address, record.byte, pathOf(record.allocateStack, seen.pid, seen.timeNs),
              pathOf(record.freeStack, seen.pid, seen.timeNs), pathOf(record.faultStack, seen.pid, seen.timeNs)});
     }
-    profile.counts = _counts.finish(
-        [this](uint32_t stack, uint32_t pid, uint64_t timeNs) { return pathOf(stack, pid, timeNs); });
+    profile.counts =
+        _counts.finish([this](uint32_t stack, uint32_t pid, uint64_t timeNs) { return pathOf(stack, pid, timeNs); });
     profile.classes = namedClasses();
     profile.totals = _totals;
 }

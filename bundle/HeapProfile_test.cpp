@@ -150,5 +150,55 @@ TEST_F(HeapProfileTest, FaultsHaveTheirStacks)
     EXPECT_EQ(fault.byte, 20u);
 }
 
+TEST_F(HeapProfileTest, ObjectsLeftWithMoreReferencesTakenThanGivenBackAreTold)
+{
+    using heap::Counting;
+    const uint32_t make = stack({kMain, kMake});
+    const uint32_t copy = stack({kMain, kCopy});
+    uint64_t timeNs = kStart;
+    const auto count = [&](uint64_t object, Counting counting, uint64_t before, uint32_t by) {
+        writer.addCount(++timeNs, {counting, 7, by, before, object});
+    };
+    // Ended by its last release, and another object in its place that is left as it was made.
+    count(0x1000, Counting::kRef, 1, make);
+    count(0x1000, Counting::kUnref, 2, make);
+    count(0x1000, Counting::kUnref, 1, make);
+    count(0x1000, Counting::kRef, 1, make);
+    count(0x1000, Counting::kUnref, 2, copy);
+    // Two that are left alike, and one that somebody gave back where it was not seen.
+    for (const uint64_t object : {0x2000, 0x3000}) {
+        count(object, Counting::kRef, 1, make);
+        count(object, Counting::kRef, 2, make);
+        count(object, Counting::kUnref, 3, copy);
+    }
+    count(0x4000, Counting::kRef, 1, make);
+    count(0x4000, Counting::kTakeRef, 1, make);
+    // Retained for good, but its memory is gone; and one whose count nobody sees.
+    writer.addAllocate(++timeNs, Function::kMalloc, 0, make, 64, 0x5000);
+    count(0x5000, Counting::kRef, 1, make);
+    writer.addFree(++timeNs, Function::kMalloc, 0);
+    count(0x6000, Counting::kRetain, 0, copy);
+    count(0x6000, Counting::kRelease, 0, copy);
+    count(0x6000, Counting::kRelease, 0, copy);
+    count(0x6000, Counting::kRetain, 0, copy);
+    send();
+    builder->finish(profile);
+    const ReferenceCounts& counts = profile.counts;
+    EXPECT_EQ(counts.retains, 10u);
+    EXPECT_EQ(counts.releases, 7u);
+    EXPECT_EQ(counts.unchanged, 1u);
+    EXPECT_EQ(counts.objects, 8u);
+    EXPECT_EQ(counts.unbalancedObjects, 3u);
+    ASSERT_EQ(counts.unbalanced.size(), 2u);
+    EXPECT_EQ(counts.unbalanced[0].objects, 2u);
+    EXPECT_EQ(counts.unbalanced[0].retains, 4u);
+    EXPECT_EQ(counts.unbalanced[0].releases, 2u);
+    EXPECT_EQ(counts.unbalanced[0].address, 0x2000u);
+    EXPECT_EQ(counts.unbalanced[0].count, 2u);
+    ASSERT_EQ(counts.unbalanced[0].uses.size(), 2u);
+    EXPECT_EQ(profile.symbolizer->symbol(counts.unbalanced[0].uses[0].path.at(0)).function, "make");
+    EXPECT_EQ(counts.unbalanced[1].address, 0x6000u);
+}
+
 } // namespace
 } // namespace vnt

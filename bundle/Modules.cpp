@@ -78,7 +78,8 @@ const VirtualTables* Modules::virtualTables(uint32_t number)
     auto file = ElfFile::open(module.file);
     if (!file.ok())
         return nullptr;
-    auto debugFile = module.debugFile.empty() ? Result<ElfFile>(Status(Code::kNotFound, "")) : ElfFile::open(module.debugFile);
+    auto debugFile =
+        module.debugFile.empty() ? Result<ElfFile>(Status(Code::kNotFound, "")) : ElfFile::open(module.debugFile);
     entry->second = std::make_unique<const VirtualTables>(
         VirtualTables::read(file.value(), debugFile.ok() ? &debugFile.value() : nullptr));
     return entry->second.get();

@@ -91,9 +91,9 @@ void Builder::finish()
     for (const orphans::LeakRecord& leak : _profile.leaks) {
         if (leak.stack != 0)
             namePath(leak.stack, latest.search.pid, leak.timeNs);
-        _profile.classes.push_back(leak.table == 0 ? std::string_view()
-                                                   : _profile.symbolizer->className(latest.search.pid, leak.table,
-                                                                                    leak.code, latest.timeNs));
+        _profile.classes.push_back(
+            leak.table == 0 ? std::string_view()
+                            : _profile.symbolizer->className(latest.search.pid, leak.table, leak.code, latest.timeNs));
     }
 }
 

@@ -37,7 +37,8 @@ enum class RecordKind : uint8_t {
     kLeakSearch = 18, ///< name: the target; durationNs: it stood still; values: what was found
     kLeak =
         19, ///< of the search before; name: direct, cycle or indirect; values: address, size, holder (the leak, counted
-    ///< from 1 in its search, that points to it; 0: none), is_new, allocated_ns; where classes were asked for also table
+    ///< from 1 in its search, that points to it; 0: none), is_new, allocated_ns; where classes were asked for also
+    ///< table
     ///< and code, as of kClass. The stack is the allocation's
     // Heap Recorder, again
     kCount = 20, ///< name: the function called on a counted object; values: address, change (1, 0 or -1), before (the

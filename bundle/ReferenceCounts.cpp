@@ -99,12 +99,10 @@ ReferenceCounts ReferenceCountBuilder::finish(const PathOf& pathOf)
         }
     }
     for (UnbalancedObjects& group : _counts.unbalanced)
-        std::stable_sort(group.uses.begin(), group.uses.end(), [](const auto& a, const auto& b) {
-            return a.retains + a.releases > b.retains + b.releases;
-        });
-    std::stable_sort(_counts.unbalanced.begin(), _counts.unbalanced.end(), [](const auto& a, const auto& b) {
-        return a.retains - a.releases > b.retains - b.releases;
-    });
+        std::stable_sort(group.uses.begin(), group.uses.end(),
+                         [](const auto& a, const auto& b) { return a.retains + a.releases > b.retains + b.releases; });
+    std::stable_sort(_counts.unbalanced.begin(), _counts.unbalanced.end(),
+                     [](const auto& a, const auto& b) { return a.retains - a.releases > b.retains - b.releases; });
     return std::move(_counts);
 }
 

@@ -49,9 +49,8 @@ VirtualTables VirtualTables::read(const ElfFile& file, const ElfFile* debugFile)
         tables.addFrom(*debugFile);
     // Most stand in both of a file's tables. A name's version is the linker's affair.
     std::vector<Table>& all = tables._tables;
-    std::sort(all.begin(), all.end(), [](const Table& a, const Table& b) {
-        return a.start != b.start ? a.start < b.start : a.name < b.name;
-    });
+    std::sort(all.begin(), all.end(),
+              [](const Table& a, const Table& b) { return a.start != b.start ? a.start < b.start : a.name < b.name; });
     all.erase(std::unique(all.begin(), all.end(), [](const Table& a, const Table& b) { return a.start == b.start; }),
               all.end());
     return tables;

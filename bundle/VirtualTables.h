@@ -13,8 +13,8 @@ namespace vnt {
 /// symbol table names those only that it shares with libraries. Immutable once read; any thread may ask.
 class VirtualTables {
 public:
-    /// Reads the symbols of `file`; of `debugFile`, which belongs to it, when that has more. Whatever is damaged is left
-    /// out.
+    /// Reads the symbols of `file`; of `debugFile`, which belongs to it, when that has more. Whatever is damaged is
+    /// left out.
     static VirtualTables read(const ElfFile& file, const ElfFile* debugFile);
 
     /// Mangled name of the symbol that has the address within it; empty when there is none.

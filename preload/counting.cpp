@@ -28,10 +28,24 @@ struct Real {
     const char* name;
     void* function; ///< null: not found yet
 };
-enum : size_t { kRealRef, kRealUnref, kRealRefSink, kRealTakeRef, kRealRetain, kRealRelease, kExported, kRealIsFloating };
-Real reals[] = {{"g_object_ref", nullptr},          {"g_object_unref", nullptr}, {"g_object_ref_sink", nullptr},
-                {"g_object_take_ref", nullptr},     {"vnt_CFRetain", nullptr},   {"vnt_CFRelease", nullptr},
-                {nullptr, nullptr},                 {"g_object_is_floating", nullptr}};
+enum : size_t {
+    kRealRef,
+    kRealUnref,
+    kRealRefSink,
+    kRealTakeRef,
+    kRealRetain,
+    kRealRelease,
+    kExported,
+    kRealIsFloating
+};
+Real reals[] = {{"g_object_ref", nullptr},
+                {"g_object_unref", nullptr},
+                {"g_object_ref_sink", nullptr},
+                {"g_object_take_ref", nullptr},
+                {"vnt_CFRetain", nullptr},
+                {"vnt_CFRelease", nullptr},
+                {nullptr, nullptr},
+                {"g_object_is_floating", nullptr}};
 
 /// Objects that the calling thread is within a call for, whose further calls for the same object are part of that one:
 /// g_object_ref_sink, which in some builds of the library calls g_object_ref, and the release that ends an object, in

@@ -122,7 +122,8 @@ Status OrphanRecordReader::readLeak(Decoding& decoding)
     }
     if (cursor.failed())
         return {};
-    if (kind >= kKinds || flags > (LeakRecord::kKindMask | LeakRecord::kNew | LeakRecord::kHasClass) || leak.function >= heap::kFunctions)
+    if (kind >= kKinds || flags > (LeakRecord::kKindMask | LeakRecord::kNew | LeakRecord::kHasClass)
+        || leak.function >= heap::kFunctions)
         return Status(Code::kCorrupt, "leak records: unknown kind of leak");
     if (_leaksTold >= kMaxLeaks)
         return Status(Code::kTooLarge, "leak records: too many leaks");

@@ -49,9 +49,9 @@ void OrphanRecordWriter::addSearch(uint64_t timeNs, const SearchRecord& search)
 void OrphanRecordWriter::addLeak(const LeakRecord& leak)
 {
     begin(RecordKind::kLeak);
-    _records.little(
-        static_cast<uint8_t>(static_cast<unsigned>(leak.kind) | (leak.isNew ? unsigned{LeakRecord::kNew} : 0u)
-                             | (leak.table != 0 ? unsigned{LeakRecord::kHasClass} : 0u)));
+    _records.little(static_cast<uint8_t>(static_cast<unsigned>(leak.kind)
+                                         | (leak.isNew ? unsigned{LeakRecord::kNew} : 0u)
+                                         | (leak.table != 0 ? unsigned{LeakRecord::kHasClass} : 0u)));
     _records.signedVarint(static_cast<int64_t>(leak.address - _lastAddress));
     _lastAddress = leak.address;
     _records.varint(leak.sizeBytes);

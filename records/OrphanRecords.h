@@ -93,7 +93,8 @@ struct LeakRecord {
     uint8_t function = 0; ///< heap::Function
     uint32_t stack = 0; ///< of the allocation; 0: not known, or not asked for
     std::string contents; ///< first bytes, when asked for
-    uint64_t table = 0; ///< what the block begins with where that is in a module's data, when asked for; 0: nothing such
+    uint64_t table =
+        0; ///< what the block begins with where that is in a module's data, when asked for; 0: nothing such
     uint64_t code = 0; ///< start of that module's code
     bool operator==(const LeakRecord&) const = default;
 };

@@ -67,6 +67,28 @@ TEST(OrphanRecords, ComeBackAsWritten)
     EXPECT_EQ(reader.node(2).depth, 2u);
 }
 
+TEST(OrphanRecords, ClassesComeBackInAVersionOfTheirOwn)
+{
+    OrphanRecordWriter writer;
+    writer.addSearch(2'000'000, kSearch);
+    writer.addLeak(kSecond);
+    EXPECT_EQ(static_cast<int>(writer.message()[4]), 1); // which earlier readers take
+    LeakRecord object = kFirst;
+    object.table = 0x404010;
+    object.code = 0x401000;
+    writer.addLeak(object);
+    writer.addLeak(kSecond);
+    EXPECT_EQ(static_cast<int>(writer.message()[4]), 2);
+    OrphanRecordReader reader;
+    Listener heard;
+    ASSERT_TRUE(reader.read(writer.message(), heard).ok());
+    ASSERT_EQ(heard.leaks.size(), 3u);
+    EXPECT_EQ(heard.leaks[1].table, 0x404010u);
+    EXPECT_EQ(heard.leaks[1].code, 0x401000u);
+    EXPECT_EQ(heard.leaks[2].table, 0u);
+    EXPECT_EQ(heard.leaks[2].address, kSecond.address);
+}
+
 /// A search over several messages, one of which is lost: what holds what and where it came from is not guessed.
 TEST(OrphanRecords, AMissingMessageMakesASearchIncomplete)
 {

@@ -209,9 +209,8 @@ void FirefoxExporter::onFault(const ExportFault& fault)
     data.address(fault.address);
     if (fault.faultStack != 0)
         data.cause(since(fault.timeNs), _parts->tables.rowOf(fault.faultStack));
-    _parts->threads.addMarker(_parts->threads.mainOf(fault.process), fault.timeNs, fault.timeNs,
-                              nameOf(fault.fault), FirefoxCategory::kMemory,
-                              data.text());
+    _parts->threads.addMarker(_parts->threads.mainOf(fault.process), fault.timeNs, fault.timeNs, nameOf(fault.fault),
+                              FirefoxCategory::kMemory, data.text());
 }
 
 /// From its allocation to the search, with the allocation's stack.

@@ -72,9 +72,7 @@ void PerfettoHeap::fault(const ExportFault& fault)
     (void)_tracks.processNumber(fault.process);
     const uint64_t track = _tracks.plain(pidOf(fault.process), kFaults, "uses of freed blocks");
     PerfettoEvent made(_events, PerfettoEvent::kInstant, track);
-    made.name(nameOf(fault.fault), "heap")
-        .stack(fault.faultStack)
-        .pointer("block", fault.address);
+    made.name(nameOf(fault.fault), "heap").stack(fault.faultStack).pointer("block", fault.address);
     if (fault.fault == heap::Fault::kWritten)
         made.number("first changed byte", fault.byte);
     made.write(fault.timeNs);

@@ -124,9 +124,8 @@ Result<ClassLook> lookAtClasses(pid_t pid, bool is32Bit, const LiveBlocks& block
     }
     for (const auto& [table, found] : byTable)
         look.classes.push_back(found);
-    std::sort(look.classes.begin(), look.classes.end(), [](const auto& a, const auto& b) {
-        return a.bytes != b.bytes ? a.bytes > b.bytes : a.table < b.table;
-    });
+    std::sort(look.classes.begin(), look.classes.end(),
+              [](const auto& a, const auto& b) { return a.bytes != b.bytes ? a.bytes > b.bytes : a.table < b.table; });
     return look;
 }
 

@@ -107,7 +107,8 @@ TEST_F(JournalTest, StacksAreRememberedBySlot)
 TEST_F(JournalTest, CountsAreThoseOfTheThreadThatSaidItsIdLast)
 {
     const auto count = [this](uint64_t time, uint64_t object, uint64_t before, Counting counting) {
-        put(rings[0], {kCount | time << 4, object | uint64_t{kNoStack} << kLowBits, before | uint64_t{counting} << kLowBits});
+        put(rings[0],
+            {kCount | time << 4, object | uint64_t{kNoStack} << kLowBits, before | uint64_t{counting} << kLowBits});
     };
     put(rings[0], {kThread | 77 << 4});
     rings[0].header.lastTime = 0;
