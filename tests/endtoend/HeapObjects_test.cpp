@@ -175,8 +175,6 @@ TEST_P(CountsOf, AnObjectThatWasFreedIsReportedAndLeftAlone)
 
 TEST_P(CountsOf, AProcessThatRunsAreExact)
 {
-    if (GetParam().is32Bit)
-        GTEST_SKIP() << "a 32-bit program is not attached to";
     const std::string target = targetPath(GetParam().target);
     if (!std::filesystem::exists(target))
         GTEST_SKIP() << "needs " << GetParam().needs;
@@ -193,6 +191,35 @@ INSTANTIATE_TEST_SUITE_P(Heap, CountsOf,
                                                   true},
                                          Counting{"gobjecttruth", "GObject's headers: apt-get install libglib2.0-dev"}),
                          [](const auto& row) { return std::string(row.param.target); });
+
+TEST(HeapObjects, OurOwnObjectsAreCountedAndTheirLateReleasesFound)
+{
+    const std::string target = targetPath("cftruth");
+    if (!std::filesystem::exists(target))
+        GTEST_SKIP() << "needs a library without sanitizers";
+    const std::string bundle = place("own");
+    const ToolResult run = record(bundle, {"-i", "heaprecorder", "--reference-counts"}, {target});
+    ASSERT_EQ(run.status, 0) << run.err << run.out;
+    const json counts = report(bundle, "heaprecorder")["reference_counts"];
+    EXPECT_EQ(counts["retains"], 12);
+    EXPECT_EQ(counts["releases"], 20);
+    EXPECT_EQ(counts["objects"], 11);
+    ASSERT_EQ(counts["unbalanced"].size(), 1u) << counts;
+    EXPECT_EQ(counts["unbalanced"][0]["retains"], 2);
+    EXPECT_EQ(counts["unbalanced"][0]["releases"], 0);
+    for (const json& use : counts["unbalanced"][0]["retained"])
+        EXPECT_EQ(use["stack"].at(0), "retainTwice") << use;
+
+    const std::string misused = place("own-misused");
+    const ToolResult late =
+        record(misused, {"-i", "heaprecorder", "--reference-counts", "--zombies"}, {target, "misuse"});
+    ASSERT_EQ(late.status, 0) << late.err << late.out;
+    const json faults = report(misused, "heaprecorder")["faults"];
+    ASSERT_EQ(faults.size(), 1u) << faults;
+    EXPECT_EQ(faults[0]["fault"], "released");
+    EXPECT_EQ(faults[0]["noticed"].at(0), "releaseLate");
+    EXPECT_NE(faults[0]["allocated"].dump().find("CFArrayCreateMutable"), std::string::npos) << faults;
+}
 
 struct Classes {
     const char* target;
@@ -249,8 +276,6 @@ TEST_P(ClassesOf, ALaunchedProgramAreExact)
 
 TEST_P(ClassesOf, AProcessThatRunsAreExact)
 {
-    if (GetParam().is32Bit)
-        GTEST_SKIP() << "a 32-bit program is not attached to";
     const std::string target = targetPath(GetParam().target);
     const std::string bundle = place(std::string("attached-classes-") + GetParam().target);
     const std::string said = recordAttached(bundle, target, "--class-names");
