@@ -145,7 +145,9 @@ size_t ringFor(const StackSamplerOptions& options, uint64_t durationNs, uint32_t
 
 size_t ringBytes(const StackSamplerOptions& options, uint32_t dumpBytes)
 {
-    return ringFor(options, dumpBytes == 0 ? 200'000'000 : 400'000'000, dumpBytes);
+    // As if stacks were large when they are not: a busy machine may keep the reader waiting for longer.
+    return dumpBytes == 0 ? ringFor(options, 200'000'000, 0)
+                          : ringFor(options, 400'000'000, std::max(dumpBytes, DumpSize::kUsual));
 }
 
 size_t firstRingBytes(const StackSamplerOptions& options, const KernelOffer& offer)
@@ -154,7 +156,7 @@ size_t firstRingBytes(const StackSamplerOptions& options, const KernelOffer& off
         return ringBytes(options, 0);
     if (offer.placement == Placement::kThreads) // the limit of an ordinary user's memory may allow no others beside
         return ringBytes(options, DumpSize::kUsual);
-    return ringFor(options, 50'000'000, DumpSize::kUsual);
+    return ringFor(options, 100'000'000, DumpSize::kUsual);
 }
 
 } // namespace vnt

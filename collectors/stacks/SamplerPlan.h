@@ -41,10 +41,10 @@ perf_event_attr switchAttributes(const StackSamplerOptions& options, const Kerne
 bool recordsWaiting(const StackSamplerOptions& options);
 /// The event that owns a processor's ring; carries process records when events are placed on processors. Enabled.
 perf_event_attr ringAttributes(const StackSamplerOptions& options, const KernelOffer& offer, size_t ringBytes);
-/// For 200 ms of full-depth samples, or 400 ms of those with dumps of `dumpBytes`; a power of two from 256 KiB to 4
-/// MiB: a reader is woken at a quarter.
+/// For 200 ms of full-depth samples, or 400 ms of those with dumps of `dumpBytes` or DumpSize::kUsual; a power of two
+/// from 256 KiB to 4 MiB: a reader is woken at a quarter.
 size_t ringBytes(const StackSamplerOptions& options, uint32_t dumpBytes);
-/// To begin with: a ring's pages are found and cleared before the first sample can be taken. For 50 ms where rings can
+/// To begin with: a ring's pages are found and cleared before the first sample can be taken. For 100 ms where rings can
 /// be changed for larger ones later.
 size_t firstRingBytes(const StackSamplerOptions& options, const KernelOffer& offer);
 /// True when stacks are unwound from dumps, if the kernel gives them.
