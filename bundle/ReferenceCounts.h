@@ -38,7 +38,7 @@ struct ReferenceCounts {
 };
 
 /// Follows each counted object from its first call to its end: its last release, as far as its count is known, or the
-/// free of its memory. Some 50 ns a call, and 150 bytes an object alive. One thread.
+/// free of its memory. About 150 bytes an object alive. One thread.
 class ReferenceCountBuilder {
 public:
     void add(uint64_t timeNs, uint32_t pid, const heap::CountRecord& record);

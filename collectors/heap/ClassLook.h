@@ -20,8 +20,8 @@ struct ClassLook {
 
 /// Reads the first word of each block whose allocation is recorded; of what new[] allocated also the second one, since
 /// the number of objects may come first. The target runs on: a block that it constructs or destroys at this moment
-/// counts by what it finds there. Cost: some 20 to 50 ns a block of a dense heap. Errors: kNotFound when the process
-/// has ended, kDenied when it may not be read.
+/// counts by what it finds there. Cost: one read of memory for each run of near blocks, and a look-up a block. Errors:
+/// kNotFound when the process has ended, kDenied when it may not be read.
 Result<ClassLook> lookAtClasses(pid_t pid, bool is32Bit, const LiveBlocks& blocks);
 
 } // namespace vnt
