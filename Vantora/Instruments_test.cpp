@@ -207,6 +207,7 @@ TEST_F(InstrumentTest, EachKindHasItsConversation)
                         "devicetemplate=NSDictionary starttimesecsince1970=* stoptimessecsince1970=* starttimemach=* "
                         "stoptimemach=* machtimebasenumer=* machtimebasedenom=* messagecount=2 ");
         dispose();
+        EXPECT_TRUE(server.waitFor("end")) << "else it may stand among the next one's requests";
     }
 }
 
