@@ -145,7 +145,10 @@ void ProcessCensus::sweep()
             ++entry;
             continue;
         }
-        end(tracked, nowNs, /*status=*/-1);
+        // The last thread's end may have been told before its first one's: then this is where the process ends.
+        if (const auto life = _exits && !tracked.ended ? _exits->take(entry->first) : std::nullopt)
+            tellLife(tracked, *life, nowNs);
+        end(tracked, nowNs, tracked.leaderStatus);
         entry = _tracked.erase(entry);
     }
     tellLost();
@@ -292,16 +295,21 @@ void ProcessCensus::onEnded(const ProcessEvents::Event& event)
     auto looked = _reader.look(event.pid);
     if (looked.ok() && at(looked.value().usage, Field::kThreads) > 1) {
         tracked.leaderGone = true;
+        tracked.leaderStatus = event.status;
         return;
     }
     const auto life = _exits ? _exits->take(event.pid) : std::nullopt; // also to forget it
     if (looked.ok()) {
+        // What is being taken note of at this moment reads as nothing: sums never fall.
+        census::Usage& usage = looked.value().usage;
+        const int64_t state = at(usage, Field::kState);
+        for (size_t field = 0; field < census::kFields; ++field)
+            usage[field] = std::max({usage[field], tracked.told[field], life ? life->usage[field] : 0});
+        at(usage, Field::kState) = state;
         for (const Field now :
              {Field::kResidentKiB, Field::kSharedKiB, Field::kSwapKiB, Field::kThreads, Field::kDescriptors})
-            at(looked.value().usage, now) = at(tracked.told, now);
-        for (const Field grown : {Field::kReadBytes, Field::kWrittenBytes})
-            at(looked.value().usage, grown) = std::max(at(looked.value().usage, grown), at(tracked.told, grown));
-        tellUsage(tracked, looked.value().usage);
+            at(usage, now) = at(tracked.told, now);
+        tellUsage(tracked, usage);
     } else if (life) {
         tellLife(tracked, *life, event.timeNs);
     } else if (!tracked.looked) {

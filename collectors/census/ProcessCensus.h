@@ -42,7 +42,8 @@ private:
         bool looked = false; ///< its use was read since it began, or since its exec
         bool started = false; ///< told as begun within the recording
         bool ended = false; ///< and waits for its parent
-        bool leaderGone = false; ///< its first thread has ended, others go on
+        bool leaderGone = false; ///< its first thread has ended, others go on, or were still being taken apart
+        int64_t leaderStatus = -1; ///< with which it ended
         uint64_t sweep = 0; ///< that saw it last
     };
     using Table = std::unordered_map<pid_t, Tracked>;

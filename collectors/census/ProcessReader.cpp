@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cstdio>
 #include <memory>
@@ -40,18 +41,24 @@ int64_t number(std::string_view text)
     return value;
 }
 
-/// The number behind "key" at the beginning of a line; `fallback` when there is none.
-int64_t valueOf(std::string_view text, std::string_view key, int64_t fallback = 0)
+/// The numbers behind `keys` at the beginning of lines, in one pass; 0 where there is none.
+template <size_t kCount>
+std::array<int64_t, kCount> valuesOf(std::string_view text, const std::string_view (&keys)[kCount])
 {
+    std::array<int64_t, kCount> values{};
     for (size_t start = 0; start < text.size();) {
         const size_t end = std::min(text.find('\n', start), text.size());
         const std::string_view line = text.substr(start, end - start);
-        if (line.starts_with(key))
-            return number(line.substr(key.size()));
+        for (size_t i = 0; i < kCount; ++i) {
+            if (line.starts_with(keys[i]))
+                values[i] = number(line.substr(keys[i].size()));
+        }
         start = end + 1;
     }
-    return fallback;
+    return values;
 }
+
+int64_t valueOf(std::string_view text, std::string_view key) { return valuesOf(text, {key})[0]; }
 
 /// Blank-separated fields, one after the other.
 class Fields {
@@ -161,12 +168,14 @@ Status ProcessReader::readStat(pid_t pid, Looked& looked)
 
 void ProcessReader::readStatus(pid_t pid, Looked& looked)
 {
-    const std::string_view status = text(pid, "status");
-    looked.process.uid = static_cast<uint32_t>(valueOf(status, "Uid:"));
-    at(looked.usage, Field::kSharedKiB) = valueOf(status, "RssFile:") + valueOf(status, "RssShmem:");
-    at(looked.usage, Field::kSwapKiB) = valueOf(status, "VmSwap:");
-    at(looked.usage, Field::kVoluntarySwitches) = valueOf(status, "voluntary_ctxt_switches:");
-    at(looked.usage, Field::kInvoluntarySwitches) = valueOf(status, "nonvoluntary_ctxt_switches:");
+    const auto [uid, file, shared, swap, voluntary, involuntary] = valuesOf(
+        text(pid, "status"),
+        {"Uid:", "RssFile:", "RssShmem:", "VmSwap:", "voluntary_ctxt_switches:", "nonvoluntary_ctxt_switches:"});
+    looked.process.uid = static_cast<uint32_t>(uid);
+    at(looked.usage, Field::kSharedKiB) = file + shared;
+    at(looked.usage, Field::kSwapKiB) = swap;
+    at(looked.usage, Field::kVoluntarySwitches) = voluntary;
+    at(looked.usage, Field::kInvoluntarySwitches) = involuntary;
 }
 
 int64_t ProcessReader::descriptors(pid_t pid)
@@ -175,7 +184,7 @@ int64_t ProcessReader::descriptors(pid_t pid)
     std::snprintf(path, sizeof path, "/proc/%d/fd", pid);
     if (_descriptorsByStat) {
         struct stat directory { };
-        return ::access(path, R_OK) == 0 && ::stat(path, &directory) == 0 ? directory.st_size : -1;
+        return ::stat(path, &directory) == 0 ? directory.st_size : -1;
     }
     const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir(path), ::closedir);
     if (!directory)
@@ -188,15 +197,22 @@ int64_t ProcessReader::descriptors(pid_t pid)
 
 void ProcessReader::readLimited(pid_t pid, Looked& looked)
 {
+    // Who may read the one may read the other (PTRACE_MODE_READ_FSCREDS, ptrace(2)); the number of descriptors alone
+    // would be told to everybody.
+    const std::string_view io = text(pid, "io");
+    if (io.empty()) {
+        looked.limited = true;
+        return;
+    }
+    const auto [read, written] = valuesOf(io, {"read_bytes:", "write_bytes:"});
     const int64_t count = descriptors(pid);
     if (count < 0) {
         looked.limited = true;
         return;
     }
     at(looked.usage, Field::kDescriptors) = count;
-    const std::string_view io = text(pid, "io");
-    at(looked.usage, Field::kReadBytes) = valueOf(io, "read_bytes:");
-    at(looked.usage, Field::kWrittenBytes) = valueOf(io, "write_bytes:");
+    at(looked.usage, Field::kReadBytes) = read;
+    at(looked.usage, Field::kWrittenBytes) = written;
 }
 
 Result<ProcessReader::Looked> ProcessReader::look(pid_t pid)
